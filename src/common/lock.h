@@ -1,0 +1,115 @@
+// POSIX locks behind types that clang's thread-safety analysis can follow (a raw pthread_mutex_t cannot carry
+// the annotations). The functions are the POSIX ones and nothing more; with g++ the annotations are empty.
+//
+// None of the lock functions is a cancellation point. A failed lock is not possible on a lock that was created
+// and is not held twice, and is not tested: there is nothing useful a plugin could do but go on.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <pthread.h>
+
+#if defined(__clang__)
+#define KS_TSA(x) __attribute__((x))
+#else
+#define KS_TSA(x)
+#endif
+#define KS_CAPABILITY(name) KS_TSA(capability(name))
+#define KS_GUARDED_BY(x) KS_TSA(guarded_by(x))
+#define KS_PT_GUARDED_BY(x) KS_TSA(pt_guarded_by(x))
+#define KS_ACQUIRE(...) KS_TSA(acquire_capability(__VA_ARGS__))
+#define KS_ACQUIRE_SHARED(...) KS_TSA(acquire_shared_capability(__VA_ARGS__))
+#define KS_RELEASE(...) KS_TSA(release_capability(__VA_ARGS__))
+#define KS_RELEASE_SHARED(...) KS_TSA(release_shared_capability(__VA_ARGS__))
+#define KS_REQUIRES(...) KS_TSA(requires_capability(__VA_ARGS__))
+#define KS_REQUIRES_SHARED(...) KS_TSA(requires_shared_capability(__VA_ARGS__))
+#define KS_EXCLUDES(...) KS_TSA(locks_excluded(__VA_ARGS__))
+// Each use says why the analysis cannot follow the function.
+#define KS_NO_ANALYSIS KS_TSA(no_thread_safety_analysis)
+
+inline void cpu_pause()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    __asm__ volatile("yield");
+#endif
+}
+
+struct KS_CAPABILITY("mutex") mutex_t {
+    pthread_mutex_t native;
+};
+
+[[nodiscard]] inline int mutex_init(mutex_t *mutex)
+{
+    return pthread_mutex_init(&mutex->native, nullptr);
+}
+
+inline void mutex_destroy(mutex_t *mutex)
+{
+    pthread_mutex_destroy(&mutex->native);
+}
+
+inline void mutex_lock(mutex_t *mutex) KS_ACQUIRE(*mutex) KS_NO_ANALYSIS // wrapper
+{
+    pthread_mutex_lock(&mutex->native);
+}
+
+inline void mutex_unlock(mutex_t *mutex) KS_RELEASE(*mutex) KS_NO_ANALYSIS // wrapper
+{
+    pthread_mutex_unlock(&mutex->native);
+}
+
+// Default attributes: with glibc readers are admitted while a writer waits. The packet path relies on it.
+struct KS_CAPABILITY("rwlock") rwlock_t {
+    pthread_rwlock_t native;
+};
+
+[[nodiscard]] inline int rwlock_init(rwlock_t *lock)
+{
+    return pthread_rwlock_init(&lock->native, nullptr);
+}
+
+inline void rwlock_destroy(rwlock_t *lock)
+{
+    pthread_rwlock_destroy(&lock->native);
+}
+
+inline void rwlock_read(rwlock_t *lock) KS_ACQUIRE_SHARED(*lock) KS_NO_ANALYSIS // wrapper
+{
+    pthread_rwlock_rdlock(&lock->native);
+}
+
+inline void rwlock_read_unlock(rwlock_t *lock) KS_RELEASE_SHARED(*lock) KS_NO_ANALYSIS // wrapper
+{
+    pthread_rwlock_unlock(&lock->native);
+}
+
+inline void rwlock_write(rwlock_t *lock) KS_ACQUIRE(*lock) KS_NO_ANALYSIS // wrapper
+{
+    pthread_rwlock_wrlock(&lock->native);
+}
+
+inline void rwlock_write_unlock(rwlock_t *lock) KS_RELEASE(*lock) KS_NO_ANALYSIS // wrapper
+{
+    pthread_rwlock_unlock(&lock->native);
+}
+
+// A spin lock for a few loads and stores. 0 free, 1 held.
+struct KS_CAPABILITY("spin lock") spin_t {
+    std::atomic<uint32_t> held;
+};
+
+inline void spin_lock(spin_t *spin) KS_ACQUIRE(*spin) KS_NO_ANALYSIS // wrapper
+{
+    while (spin->held.exchange(1, std::memory_order_seq_cst) != 0) {
+        while (spin->held.load(std::memory_order_relaxed) != 0) {
+            cpu_pause();
+        }
+    }
+}
+
+inline void spin_unlock(spin_t *spin) KS_RELEASE(*spin) KS_NO_ANALYSIS // wrapper
+{
+    spin->held.store(0, std::memory_order_release);
+}

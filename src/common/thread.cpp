@@ -1,0 +1,34 @@
+#include "common/thread.h"
+
+#include <cerrno>
+#include <csignal>
+
+int thread_start(pthread_t *thread, void *(*body)(void *), void *argument)
+{
+    sigset_t blocked;
+    sigset_t before;
+    sigfillset(&blocked);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS}) {
+        sigdelset(&blocked, fault);
+    }
+    pthread_sigmask(SIG_SETMASK, &blocked, &before); // the new thread inherits the mask
+    const int error = pthread_create(thread, nullptr, body, argument);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (error != 0) {
+        errno = error;
+    }
+    return error;
+}
+
+void thread_begin(const char *name)
+{
+    thread_cancel_disable();
+    pthread_setname_np(pthread_self(), name);
+}
+
+void thread_stop(pthread_t thread)
+{
+    if (pthread_cancel(thread) == 0) {
+        pthread_join(thread, nullptr);
+    }
+}

@@ -1,0 +1,40 @@
+// Starting and stopping the plugin's threads.
+//
+// Threads are stopped by cancellation only. A thread that dies with a lock, a table row or a descriptor in its
+// hands would stop the product, and most system calls are cancellation points. So every thread of the plugin
+// runs with cancellation disabled and enables it around the single blocking call at which it may be stopped:
+//
+//   void *body(void *argument)
+//   {
+//       thread_begin("ks-name");
+//       pthread_cleanup_push(clean_up, argument);
+//       ...
+//       thread_cancel_enable();
+//       got = recv(...);                  // may end here; clean_up runs, destructors do not
+//       thread_cancel_disable();
+//
+// The host's signals are blocked in these threads (faults of the thread itself are not), so that the host's
+// handlers run on the host's threads.
+#pragma once
+
+#include <pthread.h>
+
+// Start body(argument) on a new joinable thread with the host's signals blocked. 0, or the error number of
+// pthread_create, which is also left in errno.
+[[nodiscard]] int thread_start(pthread_t *thread, void *(*body)(void *), void *argument);
+
+// First call of a thread's body: disables cancellation and names the thread (at most 15 characters).
+void thread_begin(const char *name);
+
+// Request cancellation and wait for the thread to end, when the request was accepted. Blocks.
+void thread_stop(pthread_t thread);
+
+inline void thread_cancel_enable()
+{
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+}
+
+inline void thread_cancel_disable()
+{
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+}

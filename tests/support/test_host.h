@@ -1,0 +1,33 @@
+// A host for code of the plugin that is linked straight into a test: it provides config_set_values,
+// verbose_msg and verbose_level, and keeps every message that the plugin logs.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+struct config_option_t;
+
+namespace test_host {
+
+struct message_t {
+    int level;
+    int flag;
+    std::string text;
+};
+
+// All messages since the last clear, oldest first. Any thread may log meanwhile.
+std::vector<message_t> messages();
+// How many messages have this text as a part.
+int count(const std::string &part);
+bool logged(const std::string &part);
+// Forget the messages and set the host's level (the default lets everything through).
+void reset(int32_t level = 5);
+// What config_set_values does; the default answers 0 and stores nothing.
+void on_config(std::function<int(const char *, config_option_t *)> parse);
+
+} // namespace test_host
+
+// Wait until the condition holds, at most this long; true when it came to hold.
+bool wait_until(const std::function<bool()> &condition, int milliseconds = 10000);
