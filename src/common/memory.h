@@ -8,8 +8,8 @@
 // Two lines of 64 bytes: the hardware fetches neighbouring lines in pairs.
 constexpr uint64_t CACHE_LINES = 128;
 
-// count * size zero bytes that share no cache line with anything else; null without memory or when the product
-// overflows. Released with std::free.
+// count * size zero bytes that share no cache line with anything else; null without memory or when the
+// product overflows. Released with std::free.
 [[nodiscard]] inline void *zeroed_lines(uint64_t count, uint64_t size)
 {
     uint64_t total = 0;

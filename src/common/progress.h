@@ -1,5 +1,5 @@
-// A progress value, as the captures report it in one 64-bit number: bits 0-7 a signed percentage (100 finished,
-// -2 unknown to a history search), bits 8-31 zero, bits 32-63 a packet count.
+// A progress value, as the captures report it in one 64-bit number: bits 0-7 a signed percentage (100
+// finished, -2 unknown to a history search), bits 8-31 zero, bits 32-63 a packet count.
 #pragma once
 
 #include <cstdint>

@@ -1,8 +1,9 @@
 // Starting and stopping the plugin's threads.
 //
-// Threads are stopped by cancellation only. A thread that dies with a lock, a table row or a descriptor in its
-// hands would stop the product, and most system calls are cancellation points. So every thread of the plugin
-// runs with cancellation disabled and enables it around the single blocking call at which it may be stopped:
+// Threads are stopped by cancellation only. A thread that dies with a lock, a table row or a descriptor in
+// its hands would stop the product, and most system calls are cancellation points. So every thread of the
+// plugin runs with cancellation disabled and enables it around the single blocking call at which it may be
+// stopped:
 //
 //   void *body(void *argument)
 //   {
