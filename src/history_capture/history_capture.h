@@ -50,7 +50,7 @@ constexpr uint8_t HC_TESTING_VALUE = 0x79;
 constexpr uint32_t HC_MAX_DATA = 65535;      // bytes stored of a packet
 constexpr uint64_t HC_DEFAULT_SIZE = 200000; // ring of hc_enable(0), bytes
 constexpr uint64_t HC_TABLE_ROWS = 128;
-constexpr uint32_t HC_SEARCH_PAUSE_S = 5; // between two runs
+constexpr uint32_t HC_SEARCH_PAUSE_MS = 5000; // between two runs
 
 enum : int32_t {
     HC_OK = 0,
@@ -124,6 +124,7 @@ struct history_capture_t {
     uint32_t search_records KS_GUARDED_BY(state_lock); // records in the ring when the run began
     std::atomic<uint8_t> search_pending;               // 1 while the run has records to examine
     std::atomic<uint8_t> writer_waiting;               // 1 while the packet thread waits on search_moved
+    uint32_t search_pause_ms;                          // between two runs; set before the first rule comes
 };
 
 struct hc_info_t {

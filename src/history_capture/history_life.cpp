@@ -171,6 +171,7 @@ history_capture_t *hc_init(uint64_t size)
         std::free(hc);
         return nullptr;
     }
+    hc->search_pause_ms = HC_SEARCH_PAUSE_MS;
     if (size == 0 || hc_enable(hc, size) >= 0) {
         return hc;
     }

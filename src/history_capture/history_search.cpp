@@ -181,6 +181,11 @@ uint32_t finish_run(history_capture_t *hc) KS_REQUIRES_SHARED(hc->state_lock)
     return rules;
 }
 
+timespec pause_of(const history_capture_t *hc)
+{
+    return {hc->search_pause_ms / 1000, static_cast<long>(hc->search_pause_ms % 1000) * 1000000};
+}
+
 double seconds_of(const timespec &time)
 {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
@@ -228,11 +233,12 @@ void *hc_search_thread(void *history_capture)
         }
         thread_cancel_disable();
         KS_INFO(LOG_DETAIL, "kestrune: Fast search - new run");
-        hc_run_t run;
+        hc_run_t run = {};
         if (begin_run(hc, &run)) {
             make_run(hc, &run);
+            const timespec pause = pause_of(hc);
             thread_cancel_enable();
-            sleep(HC_SEARCH_PAUSE_S);
+            nanosleep(&pause, nullptr);
             thread_cancel_disable();
         }
     }
