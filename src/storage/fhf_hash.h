@@ -10,13 +10,14 @@
 #include <cstdint>
 #include <cstring>
 
-// key: key_length bytes; fhf_hash_div8 ignores the bytes behind the last whole word, fhf_hash_40 reads 40 bytes
-// whatever key_length says.
+// key: key_length bytes; fhf_hash_div8 ignores the bytes behind the last whole word, fhf_hash_40 reads 40
+// bytes whatever key_length says.
 KS_EXPORT uint64_t fhf_hash(const uint8_t *key, uint32_t key_length, uint64_t seed);
 KS_EXPORT uint64_t fhf_hash_div8(const uint8_t *key, uint32_t key_length, uint64_t seed);
 KS_EXPORT uint64_t fhf_hash_40(const uint8_t *key, uint32_t key_length, uint64_t seed);
 
-// The running state: the hash so far, and the last word as it was mixed in (a shorter tail is folded into it).
+// The running state: the hash so far, and the last word as it was mixed in (a shorter tail is folded into
+// it).
 struct fhf_mix_t {
     uint64_t hash;
     uint64_t word;

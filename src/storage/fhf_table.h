@@ -1,7 +1,7 @@
 // The fixed-size hash table: fixed-length byte keys with fixed-length data items, in a power-of-two number of
-// rows of eight slots. A key lives only in the row that its hash selects; the table never grows, and a full row
-// refuses a ninth key. The live capture keeps its watched addresses in one, every history capture its rules in
-// two.
+// rows of eight slots. A key lives only in the row that its hash selects; the table never grows, and a full
+// row refuses a ninth key. The live capture keeps its watched addresses in one, every history capture its
+// rules in two.
 //
 // A row r and what stands for it in each block (each block on cache lines of its own):
 //
@@ -11,14 +11,16 @@
 //   keys        k0 .. k7                   slot i of row r at (r * 8 + i) * key_size
 //   data        d0 .. d7                   slot i of row r at (r * 8 + i) * data_size
 //
-// Threads: any number may use one table; the row locks are the only synchronisation. Nearly every look-up on the
-// packet path is of an absent key, so it is answered from the tags alone: one word that is written only when the
-// row's entries change, compared with the key's tag in all eight bytes at once. No match: the key is absent, and
-// neither the lock nor any other shared line was written. A match is settled by comparing keys under the lock.
+// Threads: any number may use one table; the row locks are the only synchronisation. Nearly every look-up on
+// the packet path is of an absent key, so it is answered from the tags alone: one word that is written only
+// when the row's entries change, compared with the key's tag in all eight bytes at once. No match: the key is
+// absent, and neither the lock nor any other shared line was written. A match is settled by comparing keys
+// under the lock.
 //
 // Invariants, all kept under the row's lock:
 //   1. tag i is 0 exactly when bit i of the flags is 0.
-//   2. A slot's tag is stored, sequentially consistent, before the operation that fills the slot returns; so a
+//   2. A slot's tag is stored, sequentially consistent, before the operation that fills the slot returns; so
+//   a
 //      look-up that begins after an insertion returned sees its tag.
 //   3. A held row is held by one thread; that thread starts no other key operation or walk on this table.
 //
@@ -50,15 +52,15 @@ using fhf_lock_t = std::atomic<uint8_t>;
 static_assert(sizeof(fhf_lock_t) == 1);
 
 struct fhf_table_t {
-    uint64_t table_size;                                 // rows, a power of two, at least 1
-    uint32_t key_size;                                   // bytes, at least 1
-    uint32_t data_size;                                  // bytes, at least 1
-    uint8_t *keys;                                       // owned; guarded by the rows' locks
-    uint8_t *data;                                       // owned; guarded by the rows' locks
-    uint8_t *free_flags;                                 // owned; guarded by the rows' locks
-    fhf_lock_t *locks;                                   // owned
+    uint64_t table_size;                                   // rows, a power of two, at least 1
+    uint32_t key_size;                                     // bytes, at least 1
+    uint32_t data_size;                                    // bytes, at least 1
+    uint8_t *keys;                                         // owned; guarded by the rows' locks
+    uint8_t *data;                                         // owned; guarded by the rows' locks
+    uint8_t *free_flags;                                   // owned; guarded by the rows' locks
+    fhf_lock_t *locks;                                     // owned
     uint64_t (*hash)(const uint8_t *, uint32_t, uint64_t); // chosen by key_size
-    std::atomic<uint64_t> *tags;                         // owned; written under the row's lock, read without
+    std::atomic<uint64_t> *tags; // owned; written under the row's lock, read without
 };
 
 struct fhf_iter_t {
@@ -77,8 +79,8 @@ KS_EXPORT const uint8_t fhf_lt_free_flag[255];
 // 2 to the power i.
 KS_EXPORT const uint8_t fhf_lt_pow_of_two[8];
 
-// A new table, empty and unlocked; null, with nothing allocated, when a size is 0, table_size is no power of two
-// or memory is short. Released with fhf_destroy.
+// A new table, empty and unlocked; null, with nothing allocated, when a size is 0, table_size is no power of
+// two or memory is short. Released with fhf_destroy.
 KS_EXPORT fhf_table_t *fhf_init(uint64_t table_size, uint32_t key_size, uint32_t data_size);
 // Release a table of fhf_init that nobody uses any more. Not null.
 KS_EXPORT void fhf_destroy(fhf_table_t *table);
@@ -101,10 +103,11 @@ inline void fhf_lock_row(fhf_lock_t *lock)
     }
 }
 
-// Release the row of this handle.
+// Release the row of this handle. A full fence: what was done under the row is seen by everyone before
+// anything that follows is done.
 inline void fhf_unlock(fhf_lock_t *lock)
 {
-    lock->store(0, std::memory_order_release);
+    lock->store(0, std::memory_order_seq_cst);
 }
 
 // Where a key belongs: its row and its tag, both from one hash of it.
@@ -168,7 +171,8 @@ inline void fhf_free_slot(fhf_table_t *table, uint64_t row, int slot)
     fhf_set_tag(table, row, slot, 0);
 }
 
-// Copy key and data in. FHF_REFUSED, with the table unchanged, when the key is there already or its row is full.
+// Copy key and data in. FHF_REFUSED, with the table unchanged, when the key is there already or its row is
+// full.
 [[nodiscard]] inline int fhf_insert(fhf_table_t *table, const void *key, const void *data)
 {
     const fhf_place_t place = fhf_place_of(table, key);
@@ -189,15 +193,15 @@ inline void fhf_free_slot(fhf_table_t *table, uint64_t row, int slot)
     return FHF_OK;
 }
 
-// False: the key is not in the table. True: it may be, and fhf_get_placed_locked tells. Takes no lock and writes
-// nothing.
+// False: the key is not in the table. True: it may be, and fhf_get_placed_locked tells. Takes no lock and
+// writes nothing.
 inline bool fhf_may_hold(const fhf_table_t *table, fhf_place_t place)
 {
     return fhf_tag_matches(table, place) != 0;
 }
 
-// Look up a key whose place is known. The data of its entry, the row left held and its handle in *lock; or null
-// with the row released.
+// Look up a key whose place is known. The data of its entry, the row left held and its handle in *lock; or
+// null with the row released.
 inline void *fhf_get_placed_locked(fhf_table_t *table, fhf_place_t place, const void *key, fhf_lock_t **lock)
 {
     fhf_lock_row(&table->locks[place.row]);

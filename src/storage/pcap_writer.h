@@ -1,13 +1,13 @@
-// The writer of capture files: the classic pcap format (draft-ietf-opsawg-pcap) in its nanosecond variant, link
-// type Ethernet, native byte order, one unbuffered system call for each record so that a record reaches the file
-// whole.
+// The writer of capture files: the classic pcap format (draft-ietf-opsawg-pcap) in its nanosecond variant,
+// link type Ethernet, native byte order, one unbuffered system call for each record so that a record reaches
+// the file whole.
 //
 //   file    global header (24) | record | record ...
 //   record  seconds u32 | nanoseconds u32 | captured length u32 | full length u32 | captured bytes
 //
-// Threads: no state and no lock; two threads must not write to one descriptor at once. Blocks as write(2) does.
-// Errors: -1, one line on standard error, and errno set (never 0); the descriptor stays open and its position
-// where the failed call left it. A failed record may have been written in part; nothing repairs it.
+// Threads: no state and no lock; two threads must not write to one descriptor at once. Blocks as write(2)
+// does. Errors: -1, one line on standard error, and errno set (never 0); the descriptor stays open and its
+// position where the failed call left it. A failed record may have been written in part; nothing repairs it.
 #pragma once
 
 #include <cstdint>
