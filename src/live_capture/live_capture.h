@@ -6,7 +6,8 @@
 // touches its item: reading, counting, writing a packet and closing the file. So records of one file never
 // interleave, `packets` counts exactly, and nothing is written to a closed descriptor.
 //
-// An item:  running -> stopped (limit, end time or failed write; still here, file open) -> removed (file closed)
+// An item:  running -> stopped (limit, end time or failed write; still here, file open) -> removed (file
+// closed)
 //           running again when lc_update_rule gives a stopped item new limits, unless its `error` is set.
 //
 // Threads: lc_filter runs on every packet thread at once; the others on client handlers and the monitor.
@@ -15,7 +16,7 @@
 //
 // Invariants:
 //   1. An address has an item exactly while its file is open.
-//   2. packets <= packet_limit, except that lc_update_rule never lowers the limit below packets either.
+//   2. packets <= packet_limit.
 //   3. error, once set, stays set. start_time never changes.
 #pragma once
 
@@ -68,8 +69,8 @@ void lc_clean(live_capture_t *live);
 void lc_clean_table(fhf_table_t *table);
 
 // Create the file `path` (exclusively, mode 0640) and watch the address: at most packet_limit packets, for
-// time_limit seconds. LC_OK, LC_NOT_OPENED, LC_NOT_WRITTEN or LC_NOT_TAKEN; a file that a failing call created
-// stays.
+// time_limit seconds. LC_OK, LC_NOT_OPENED, LC_NOT_WRITTEN or LC_NOT_TAKEN; a file that a failing call
+// created stays.
 [[nodiscard]] int lc_add_rule(live_capture_t *live, const ip_addr_t *addr, uint32_t direction,
                               uint32_t packet_limit, uint32_t time_limit, const char *path);
 
@@ -89,10 +90,18 @@ void lc_clean_table(fhf_table_t *table);
 [[nodiscard]] int lc_filter(live_capture_t *live, const ip_addr_t *src, const ip_addr_t *dst,
                             const uint8_t *data, uint32_t length, uint64_t timestamp);
 
-// Progress of an address: bits 0-7 percent, bits 32-63 packets written. 100 means that the address has no live
-// capture (any more); one that is still here reports 99 at most. With bit 0 of close_flag set (closing mode) a
-// stopped capture is closed, forgotten and reported as 100 with its packets.
+// Progress of an address: bits 0-7 percent, bits 32-63 packets written. 100 means that the address has no
+// live capture (any more); one that is still here reports 99 at most. With bit 0 of close_flag set (closing
+// mode) a stopped capture is closed, forgotten and reported as 100 with its packets.
 [[nodiscard]] uint64_t lc_progress(live_capture_t *live, const ip_addr_t *addr, uint32_t close_flag);
 
 // Counters of an address. LC_OK, or LC_UNKNOWN with *info untouched.
 [[nodiscard]] int lc_addr_info(live_capture_t *live, const ip_addr_t *addr, lc_addr_info_t *info);
+
+// The rest is the room's own.
+
+// The item of an address with its row held and the row's handle in *row; or null with no row held.
+inline lc_item_t *lc_find_locked(live_capture_t *live, const ip_addr_t *addr, fhf_lock_t **row)
+{
+    return static_cast<lc_item_t *>(fhf_get_data_locked(live->ip_table, addr->bytes, row));
+}
