@@ -39,3 +39,17 @@ inline void thread_cancel_disable()
 {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
 }
+
+// For work that must not be cut short on a thread of the host, whose cancellation state is the host's: disable
+// cancellation and return the state to restore.
+[[nodiscard]] inline int thread_cancel_suspend()
+{
+    int before;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    return before;
+}
+
+inline void thread_cancel_restore(int before)
+{
+    pthread_setcancelstate(before, nullptr);
+}

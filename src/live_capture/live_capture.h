@@ -16,7 +16,7 @@
 //
 // Invariants:
 //   1. An address has an item exactly while its file is open.
-//   2. packets <= packet_limit, except that lc_update_rule never lowers the limit below packets either.
+//   2. packets <= packet_limit.
 //   3. error, once set, stays set. start_time never changes.
 #pragma once
 
@@ -97,3 +97,11 @@ void lc_clean_table(fhf_table_t *table);
 
 // Counters of an address. LC_OK, or LC_UNKNOWN with *info untouched.
 [[nodiscard]] int lc_addr_info(live_capture_t *live, const ip_addr_t *addr, lc_addr_info_t *info);
+
+// The rest is the room's own.
+
+// The item of an address with its row held and the row's handle in *row; or null with no row held.
+inline lc_item_t *lc_find_locked(live_capture_t *live, const ip_addr_t *addr, fhf_lock_t **row)
+{
+    return static_cast<lc_item_t *>(fhf_get_data_locked(live->ip_table, addr->bytes, row));
+}

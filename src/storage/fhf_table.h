@@ -103,10 +103,11 @@ inline void fhf_lock_row(fhf_lock_t *lock)
     }
 }
 
-// Release the row of this handle.
+// Release the row of this handle. A full fence: what was done under the row is seen by everyone before
+// anything that follows is done.
 inline void fhf_unlock(fhf_lock_t *lock)
 {
-    lock->store(0, std::memory_order_release);
+    lock->store(0, std::memory_order_seq_cst);
 }
 
 // Where a key belongs: its row and its tag, both from one hash of it.

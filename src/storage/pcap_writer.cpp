@@ -80,23 +80,24 @@ iovec piece(const void *bytes, size_t size)
     return {const_cast<void *>(bytes), size}; // writev only reads
 }
 
-// Write one record: pieces[1 .. count) are its data, captured_length bytes together; pieces[0] is filled
-// here.
-int write_record(int fd, iovec *pieces, int count, uint32_t captured_length, uint32_t length,
-                 uint64_t timestamp)
+record_header_t record_header(uint32_t captured_length, uint32_t length, uint64_t timestamp)
 {
-    const record_header_t header = {
+    return {
         .seconds = static_cast<uint32_t>(timestamp / NS_PER_S),
         .nanoseconds = static_cast<uint32_t>(timestamp % NS_PER_S),
         .captured_length = captured_length,
         .full_length = length,
     };
-    pieces[0] = piece(&header, sizeof header);
+}
+
+// Write one record, `size` bytes in `count` pieces, the first of them its header.
+int write_record(int fd, const iovec *pieces, int count, size_t size)
+{
     ssize_t written;
     do {
         written = writev(fd, pieces, count);
     } while (written < 0 && errno == EINTR);
-    return complete(written, sizeof header + captured_length) ? 0 : report("Writing pcap failed:");
+    return complete(written, size) ? 0 : report("Writing pcap failed:");
 }
 
 } // namespace
@@ -123,8 +124,9 @@ int write_pcap_packet(int fd, const uint8_t *data, uint32_t length, uint64_t tim
         return -1;
     }
     const uint32_t captured_length = std::min(length, PCAP_SNAPLEN);
-    iovec pieces[] = {{}, piece(data, captured_length)};
-    return write_record(fd, pieces, 2, captured_length, length, timestamp);
+    const record_header_t header = record_header(captured_length, length, timestamp);
+    const iovec pieces[] = {piece(&header, sizeof header), piece(data, captured_length)};
+    return write_record(fd, pieces, 2, sizeof header + captured_length);
 }
 
 int write_pcap_divided_packet(int fd, const uint8_t *first, uint32_t first_length, const uint8_t *second,
@@ -137,6 +139,8 @@ int write_pcap_divided_packet(int fd, const uint8_t *first, uint32_t first_lengt
     if (uint64_t{first_length} + second_length != captured_length) {
         return refuse("Invalid data sizes of function write_pcap_divided_packet\n", EINVAL);
     }
-    iovec pieces[] = {{}, piece(first, first_length), piece(second, second_length)};
-    return write_record(fd, pieces, 3, captured_length, length, timestamp);
+    const record_header_t header = record_header(captured_length, length, timestamp);
+    const iovec pieces[] = {piece(&header, sizeof header), piece(first, first_length),
+                            piece(second, second_length)};
+    return write_record(fd, pieces, 3, sizeof header + captured_length);
 }
