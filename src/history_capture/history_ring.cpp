@@ -57,6 +57,9 @@ bool lacks_room(const history_capture_t *hc, uint64_t r) KS_REQUIRES_SHARED(hc->
 {
     const uint64_t first = hc->first.load(RELAXED);
     const uint64_t last = hc->last.load(RELAXED);
+    if (hc_canonical(hc, first) == last) {
+        return true; // full: the ring holds a record
+    }
     if (last + r < hc->size) {
         return last + r > first && last <= first;
     }
