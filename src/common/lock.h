@@ -1,8 +1,8 @@
 // POSIX locks behind types that clang's thread-safety analysis can follow (a raw pthread_mutex_t cannot carry
 // the annotations). The functions are the POSIX ones and nothing more; with g++ the annotations are empty.
 //
-// None of the lock functions is a cancellation point. A failed lock is not possible on a lock that was created
-// and is not held twice, and is not tested: there is nothing useful a plugin could do but go on.
+// None of the lock functions is a cancellation point. A failed lock is not possible on a lock that was
+// created and is not held twice, and is not tested: there is nothing useful a plugin could do but go on.
 #pragma once
 
 #include <atomic>

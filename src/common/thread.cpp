@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <initializer_list>
 
 int thread_start(pthread_t *thread, void *(*body)(void *), void *argument)
 {

@@ -1,0 +1,204 @@
+#include "protocol/message.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using bytes_t = std::vector<uint8_t>;
+
+bytes_t from_hex(const std::string &text)
+{
+    std::istringstream in(text);
+    bytes_t bytes;
+    for (std::string byte; in >> byte;) {
+        bytes.push_back(static_cast<uint8_t>(std::stoul(byte, nullptr, 16)));
+    }
+    return bytes;
+}
+
+const ip_addr_t V4 = {{0xFF, 0xFF, 0xFF, 0xFF, 1, 0, 0, 10}};
+const ip_addr_t V6 = {{1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xB8, 0x0D, 1, 0x20}};
+const std::string V4_HEX = "ff ff ff ff 01 00 00 0a 00 00 00 00 00 00 00 00 ";
+const std::string V6_HEX = "01 00 00 00 00 00 00 00 00 00 00 00 b8 0d 01 20 ";
+
+// A message: its bytes, its encoder, and its decoder followed by the encoder (what was decoded, as bytes
+// again).
+struct case_t {
+    const char *name;
+    uint32_t size;
+    std::string hex;
+    std::function<bool(msg_writer_t *)> encode;
+    std::function<bool(msg_reader_t *, msg_writer_t *)> copy;
+};
+
+template <typename T>
+case_t message(const char *name, uint32_t size, const std::string &hex, T value,
+               bool (*encode)(msg_writer_t *, const T &), bool (*decode)(msg_reader_t *, T *))
+{
+    return {name, size, hex, [=](msg_writer_t *out) { return encode(out, value); },
+            [=](msg_reader_t *in, msg_writer_t *out) {
+                T read;
+                return decode(in, &read) && encode(out, read);
+            }};
+}
+
+std::vector<case_t> every_message()
+{
+    return {
+        message<msg_header_t>("request header", MSG_HEADER_SIZE, "00 09 02 03",
+                              msg_request(msg_action::LIST, msg_target::ALL), msg_encode_header,
+                              msg_decode_header),
+        message<msg_header_t>("server header", MSG_HEADER_SIZE, "00 09 06 00", msg_answer(msg_code::UPDATE),
+                              msg_encode_header, msg_decode_header),
+        message<msg_add_t>("add", MSG_ADD_SIZE, V6_HEX + "e8 03 00 00 3c 00 00 00 03", {V6, 1000, 60, 3},
+                           msg_encode_add, msg_decode_add),
+        message<msg_ip_list_item_t>("list item", MSG_IP_LIST_ITEM_SIZE, V4_HEX + "02", {V4, BOTH},
+                                    msg_encode_ip_list_item, msg_decode_ip_list_item),
+        message<msg_ip_detail_t>("detail", MSG_IP_DETAIL_SIZE,
+                                 V4_HEX + "01 64 04 03 02 01 08 07 06 05 0c 0b 0a 09 10 0f 0e 0d ff",
+                                 {V4, DST, 100, 0x01020304, 0x05060708, 0x090A0B0C, 0x0D0E0F10, 255},
+                                 msg_encode_ip_detail, msg_decode_ip_detail),
+        message<msg_hb_info_t>("history information", MSG_HB_INFO_SIZE,
+                               "01 00 00 00 02 00 00 00 03 00 00 00 04 00 00 00 05 00 00 00 06 00 00 00 "
+                               "07 00 00 80 08 07 06 05 04 03 02 01 ff ff ff ff ff ff ff 7f",
+                               {1, 2, 3, 4, 5, 6, 0x80000007, 0x0102030405060708, 0x7FFFFFFFFFFFFFFF},
+                               msg_encode_hb_info, msg_decode_hb_info),
+        message<msg_update_incident_t>("incident", MSG_UPDATE_INCIDENT_SIZE, "02 04 03 02 01 " + V6_HEX,
+                                       {0x01020304, V6}, msg_encode_update_incident,
+                                       msg_decode_update_incident),
+        message<msg_update_capture_t>("capture", MSG_UPDATE_CAPTURE_SIZE, "03 05 00 00 00 28", {5, 40},
+                                      msg_encode_update_capture, msg_decode_update_capture),
+        message<msg_update_visual_t>(
+            "visual", MSG_UPDATE_VISUAL_SIZE, "04 07 00 00 00 01 02 00 00 ff ff ff ff 34 12 fe ff",
+            {7, 513, 0xFFFFFFFF, 0x1234, 0xFFFE}, msg_encode_update_visual, msg_decode_update_visual),
+    };
+}
+
+TEST(Protocol, EveryMessageHasItsBytesBothWays)
+{
+    for (const case_t &message : every_message()) {
+        SCOPED_TRACE(message.name);
+        const bytes_t expected = from_hex(message.hex);
+        ASSERT_EQ(expected.size(), message.size);
+        bytes_t wire(message.size);
+        msg_writer_t out = msg_writer(wire.data(), message.size);
+        EXPECT_TRUE(message.encode(&out));
+        EXPECT_EQ(out.used, message.size);
+        EXPECT_EQ(wire, expected);
+
+        bytes_t copy(message.size);
+        msg_reader_t in = msg_reader(wire.data(), message.size);
+        out = msg_writer(copy.data(), message.size);
+        EXPECT_TRUE(message.copy(&in, &out));
+        EXPECT_EQ(in.used, message.size);
+        EXPECT_EQ(copy, expected);
+    }
+}
+
+// Sizes are taken to the byte on the heap, so that the address sanitizer sees a step too far as well.
+TEST(Protocol, InputCutAtAnyByteIsRefused)
+{
+    for (const case_t &message : every_message()) {
+        SCOPED_TRACE(message.name);
+        const bytes_t whole = from_hex(message.hex);
+        for (uint32_t size = 0; size < message.size; size++) {
+            const bytes_t cut(whole.begin(), whole.begin() + size);
+            bytes_t copy(message.size);
+            msg_reader_t in = msg_reader(cut.data(), size);
+            msg_writer_t out = msg_writer(copy.data(), message.size);
+            EXPECT_FALSE(message.copy(&in, &out)) << size;
+            EXPECT_TRUE(in.failed);
+            EXPECT_LE(in.used, size);
+        }
+    }
+}
+
+TEST(Protocol, RoomTooSmallByAnyByteIsRefused)
+{
+    for (const case_t &message : every_message()) {
+        SCOPED_TRACE(message.name);
+        for (uint32_t size = 0; size < message.size; size++) {
+            bytes_t room(size);
+            msg_writer_t out = msg_writer(room.data(), size);
+            EXPECT_FALSE(message.encode(&out)) << size;
+            EXPECT_TRUE(out.failed);
+            EXPECT_LE(out.used, size);
+        }
+    }
+}
+
+TEST(Protocol, AFailedCursorStaysFailed)
+{
+    std::array<uint8_t, 5> bytes = {1, 2, 3, 4, 5};
+    msg_reader_t in = msg_reader(bytes.data(), bytes.size());
+    uint64_t wide = 7;
+    uint8_t byte = 7;
+    EXPECT_FALSE(msg_get_u64(&in, &wide));
+    EXPECT_EQ(wide, 0U);
+    EXPECT_FALSE(msg_get_u8(&in, &byte));
+    EXPECT_EQ(byte, 0U);
+    EXPECT_EQ(in.used, 0U);
+
+    msg_writer_t out = msg_writer(bytes.data(), bytes.size());
+    EXPECT_TRUE(msg_put_bytes(&out, nullptr, 0));
+    EXPECT_FALSE(msg_put_bytes(&out, V4.bytes, sizeof V4.bytes));
+    EXPECT_FALSE(msg_put_u8(&out, 9));
+    EXPECT_EQ(bytes[0], 1);
+}
+
+TEST(Protocol, SizesNearTheTopOfTheRangeDoNotWrapAround)
+{
+    std::array<uint8_t, 4> bytes = {};
+    msg_reader_t in = msg_reader(bytes.data(), bytes.size());
+    uint8_t byte = 0;
+    ASSERT_TRUE(msg_get_u8(&in, &byte));
+    EXPECT_FALSE(msg_get_bytes(&in, bytes.data(), 0xFFFFFFFF));
+    msg_writer_t out = msg_writer(bytes.data(), bytes.size());
+    ASSERT_TRUE(msg_put_u16(&out, 1));
+    EXPECT_FALSE(msg_put_bytes(&out, bytes.data(), 0xFFFFFFFE));
+}
+
+TEST(Protocol, AnUpdateOfAnotherTypeIsRefused)
+{
+    for (int type = 0; type <= 255; type++) {
+        bytes_t wire(MSG_UPDATE_INCIDENT_SIZE);
+        wire[0] = static_cast<uint8_t>(type);
+        msg_update_incident_t incident;
+        msg_update_capture_t capture;
+        msg_update_visual_t visual;
+        const auto reader = [&] { return msg_reader(wire.data(), static_cast<uint32_t>(wire.size())); };
+        msg_reader_t in = reader();
+        EXPECT_EQ(msg_decode_update_incident(&in, &incident), type == msg_update::INCIDENT);
+        in = reader();
+        EXPECT_EQ(msg_decode_update_capture(&in, &capture), type == msg_update::CAPTURE);
+        in = reader();
+        EXPECT_EQ(msg_decode_update_visual(&in, &visual), type == msg_update::VISUAL);
+    }
+}
+
+TEST(Protocol, OnlyVersionZeroNineIsSupported)
+{
+    EXPECT_TRUE(msg_version_supported({0, 9, 0, 0}));
+    for (const msg_header_t header : {msg_header_t{0, 8, 0, 0}, {0, 10, 0, 0}, {1, 9, 0, 0}, {9, 0, 0, 0}}) {
+        EXPECT_FALSE(msg_version_supported(header));
+    }
+}
+
+TEST(Protocol, AWholeAddRequestIsTheDocumentedExample)
+{
+    std::array<uint8_t, MSG_HEADER_SIZE + MSG_ADD_SIZE + MSG_NAME_MAX> wire = {};
+    msg_writer_t out = msg_writer(wire.data(), wire.size());
+    msg_encode_header(&out, msg_request(msg_action::ADD, msg_target::BOTH));
+    msg_encode_add(&out, {V6, 1000, 60, 3});
+    ASSERT_TRUE(msg_put_bytes(&out, "web", 3));
+    EXPECT_EQ(bytes_t(wire.data(), wire.data() + out.used),
+              from_hex("00 09 00 02 " + V6_HEX + "e8 03 00 00 3c 00 00 00 03 77 65 62"));
+}
+
+} // namespace
