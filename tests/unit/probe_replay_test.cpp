@@ -23,6 +23,7 @@ protected:
     {
         clock->file_begins();
         std::vector<uint64_t> timestamps;
+        timestamps.reserve(recorded.size());
         for (const uint64_t time : recorded) {
             timestamps.push_back(clock->next(time).timestamp_ns);
         }
@@ -92,10 +93,10 @@ using bytes_t = std::vector<uint8_t>;
 
 struct link_row_t {
     const char *name;
-    int dlt;
     bytes_t header;
-    uint16_t ethertype;
     bytes_t source;
+    int dlt;
+    uint16_t ethertype;
 };
 
 } // namespace
@@ -105,23 +106,23 @@ TEST(ProbeLinkType, LinkHeadersBecomeEthernetHeaders)
     const bytes_t none(6, 0);
     const bytes_t mac = {2, 4, 6, 8, 10, 12};
     const link_row_t rows[] = {
-        {"raw IPv4", DLT_RAW, {}, 0x0800, none},
-        {"raw IPv4 by its own number", DLT_IPV4, {}, 0x0800, none},
-        {"loopback, little endian", DLT_NULL, {2, 0, 0, 0}, 0x0800, none},
-        {"loopback, big endian", DLT_NULL, {0, 0, 0, 2}, 0x0800, none},
-        {"OpenBSD loopback", DLT_LOOP, {0, 0, 0, 24}, 0x86DD, none},
-        {"FreeBSD IPv6", DLT_NULL, {28, 0, 0, 0}, 0x86DD, none},
-        {"macOS IPv6", DLT_NULL, {30, 0, 0, 0}, 0x86DD, none},
-        {"loopback, AppleTalk", DLT_NULL, {16, 0, 0, 0}, 0xFFFF, none},
-        {"cooked", DLT_LINUX_SLL, {0, 0, 0, 1, 0, 6, 2, 4, 6, 8, 10, 12, 0, 0, 8, 0}, 0x0800, mac},
-        {"cooked, tagged", DLT_LINUX_SLL, {0, 0, 0, 1, 0, 6, 2, 4, 6, 8, 10, 12, 0, 0, 0x81, 0}, 0x8100, mac},
-        {"cooked, no address", DLT_LINUX_SLL, {0, 0, 2, 4, 0, 0, 9, 9, 9, 9, 9, 9, 9, 9, 8, 0}, 0x0800, none},
-        {"cooked netlink", DLT_LINUX_SLL, {0, 0, 3, 0x38, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0}, 0xFFFF, none},
+        {"raw IPv4", {}, none, DLT_RAW, 0x0800},
+        {"raw IPv4 by its own number", {}, none, DLT_IPV4, 0x0800},
+        {"loopback, little endian", {2, 0, 0, 0}, none, DLT_NULL, 0x0800},
+        {"loopback, big endian", {0, 0, 0, 2}, none, DLT_NULL, 0x0800},
+        {"OpenBSD loopback", {0, 0, 0, 24}, none, DLT_LOOP, 0x86DD},
+        {"FreeBSD IPv6", {28, 0, 0, 0}, none, DLT_NULL, 0x86DD},
+        {"macOS IPv6", {30, 0, 0, 0}, none, DLT_NULL, 0x86DD},
+        {"loopback, AppleTalk", {16, 0, 0, 0}, none, DLT_NULL, 0xFFFF},
+        {"cooked", {0, 0, 0, 1, 0, 6, 2, 4, 6, 8, 10, 12, 0, 0, 8, 0}, mac, DLT_LINUX_SLL, 0x0800},
+        {"cooked, tagged", {0, 0, 0, 1, 0, 6, 2, 4, 6, 8, 10, 12, 0, 0, 0x81, 0}, mac, DLT_LINUX_SLL, 0x8100},
+        {"cooked, no address", {0, 0, 2, 4, 0, 0, 9, 9, 9, 9, 9, 9, 9, 9, 8, 0}, none, DLT_LINUX_SLL, 0x0800},
+        {"cooked netlink", {0, 0, 3, 0x38, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0}, none, DLT_LINUX_SLL, 0xFFFF},
         {"cooked v2",
-         DLT_LINUX_SLL2,
          {0x86, 0xDD, 0, 0, 0, 0, 0, 3, 0, 1, 0, 6, 2, 4, 6, 8, 10, 12, 0, 0},
-         0x86DD,
-         mac},
+         mac,
+         DLT_LINUX_SLL2,
+         0x86DD},
     };
     const bytes_t payload = {0x45, 0, 0, 20, 1, 2, 3};
     for (const link_row_t &row : rows) {
