@@ -124,14 +124,17 @@ private:
     {
         const uint64_t oldest = records.front().at;
         const bool holds_end = freed + HC_RECORD_HEADER > size; // oldest == 0 then
+        if (oldest == next) {
+            return true; // full
+        }
         if (next + HC_RECORD_HEADER > size) { // [0, total), and the rest of the buffer skipped
             return holds_end || oldest >= next || oldest < total;
         }
         if (next + total >= size) { // reaches the end, may go on at 0
             return holds_end || oldest >= next || oldest < next + total - size;
         }
-        const uint64_t begin = holds_end ? freed : oldest;
-        return begin >= next && begin < next + total;
+        const auto taken = [&](uint64_t at) { return at >= next && at < next + total; };
+        return taken(oldest) || (holds_end && taken(freed));
     }
 
     void drop()

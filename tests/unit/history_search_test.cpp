@@ -80,11 +80,21 @@ struct hanging_run_t {
         EXPECT_TRUE(ring.finishes(3));
         rwlock_read(&ring.hc->state_lock); // no run begins meanwhile
         EXPECT_EQ(ring.add(1, BOTH, "rule"), HC_OK);
+        while (row_of(other) == row_of(1)) {
+            other++;
+        }
+        EXPECT_EQ(ring.add(other, BOTH, "other"), HC_OK);
         held = std::make_unique<held_rule_t>(ring.hc, waiting_table(ring.hc), 1);
         rwlock_read_unlock(&ring.hc->state_lock);
         EXPECT_TRUE(wait_until([&] { return ring.hc->searching == 1; }));
     }
+    uint64_t row_of(uint8_t number) const
+    {
+        const ip_addr_t ip = address(number);
+        return fhf_place_of(waiting_table(ring.hc), &ip).row;
+    }
     ring_t ring;
+    uint8_t other = 20; // a rule of the same run that nobody holds
     std::unique_ptr<held_rule_t> held;
 };
 
@@ -183,12 +193,13 @@ TEST(HistorySearch, SameSecondIsOwedTheNextIsNot)
 
 TEST(HistorySearch, FullRingIsSearchedWholeAndReportsRisingProgress)
 {
-    hanging_run_t run(2 * 151, 5); // exactly full: first and last are equal
+    hanging_run_t run(3 * 151, 6); // exactly full: first and last are equal
     EXPECT_EQ(run.ring.info().free, 0U);
     EXPECT_EQ(run.ring.hc->search_position, run.ring.hc->last);
+    EXPECT_EQ(run.ring.progress(run.other), progress_value(0, 0));
     run.held->release();
     ASSERT_TRUE(run.ring.finishes(1));
-    EXPECT_EQ(read_pcap(run.ring.files.path("rule")).size(), 2U);
+    EXPECT_EQ(read_pcap(run.ring.files.path("rule")).size(), 3U);
 }
 
 TEST(HistorySearch, PacketWaitsForTheRecordUnderExamination)
