@@ -58,7 +58,7 @@ std::string refusal(int action, const options_t &options)
 
 std::string advice(const client_error_t &error, const options_t &options, const std::string &probe)
 {
-    const std::string what = error.what();
+    std::string what = error.what();
     switch (error.failure()) {
     case failure_t::CONNECT:
         return "cannot connect to " + probe + ": " + what +
@@ -79,18 +79,6 @@ std::string advice(const client_error_t &error, const options_t &options, const 
     default:
         return what;
     }
-}
-
-std::string quoted_fields(const json_t &fields)
-{
-    std::string text;
-    for (const auto &[key, value] : fields.items()) {
-        if (key != "probe" && key != "command" && key != "ok") {
-            const std::string shown = value.is_string() ? printable(value.get<std::string>()) : value.dump();
-            text += (text.empty() ? "" : "\n") + key + ": " + shown;
-        }
-    }
-    return text;
 }
 
 std::string rules_text(const json_t &rules)
@@ -177,8 +165,8 @@ std::string good_text(const json_t &fields, command_t command)
         return "heavy threshold " + std::to_string(fields["heavy_size"].get<uint32_t>()) + " packets";
     case command_t::MERGE:
         return merge_text(fields);
-    default:
-        return quoted_fields(fields);
+    default: // a watch has no answer of its own
+        return "";
     }
 }
 
