@@ -1,6 +1,7 @@
-// The host probe's side of the plugin interface: what the plugin imports from the host, and the host's packet,
-// parsed-header, flow, description and option records. Only the named fields are known; the rest of each
-// record is the host's own. All records are for a little-endian 64-bit target; the offsets are checked below.
+// The host probe's side of the plugin interface: what the plugin imports from the host, and the host's
+// packet, parsed-header, flow, description and option records. Only the named fields are known; the rest of
+// each record is the host's own. All records are for a little-endian 64-bit target; the offsets are checked
+// below.
 //
 // Threads: verbose_msg may be called from any thread. config_set_values is called by the host's thread only.
 // Ownership: every record belongs to the host; the plugin reads it during the call that hands it over.
@@ -40,8 +41,8 @@ struct plugin_desc_t {
 };
 static_assert(sizeof(plugin_desc_t) == 24 && offsetof(plugin_desc_t, reserved_0) == 16);
 
-// Addresses are least significant byte first: an IPv4 address as a 32-bit number, an IPv6 address as a 128-bit
-// number (the network-order bytes reversed).
+// Addresses are least significant byte first: an IPv4 address as a 32-bit number, an IPv6 address as a
+// 128-bit number (the network-order bytes reversed).
 struct host_header_t {
     uint8_t host_0[8];
     uint64_t timestamp; // nanoseconds since the Unix epoch

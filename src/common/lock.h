@@ -1,8 +1,8 @@
 // POSIX locks behind types that clang's thread-safety analysis can follow (a raw pthread_mutex_t cannot carry
 // the annotations). The functions are the POSIX ones and nothing more; with g++ the annotations are empty.
 //
-// None of the lock functions is a cancellation point. A failed lock is not possible on a lock that was created
-// and is not held twice, and is not tested: there is nothing useful a plugin could do but go on.
+// None of the lock functions is a cancellation point. A failed lock is not possible on a lock that was
+// created and is not held twice, and is not tested: there is nothing useful a plugin could do but go on.
 #pragma once
 
 #include <atomic>
@@ -78,6 +78,13 @@ inline void rwlock_destroy(rwlock_t *lock)
 inline void rwlock_read(rwlock_t *lock) KS_ACQUIRE_SHARED(*lock) KS_NO_ANALYSIS // wrapper
 {
     pthread_rwlock_rdlock(&lock->native);
+}
+
+// Take the lock for reading if no writer has it; true when it was taken.
+[[nodiscard]] inline bool rwlock_try_read(rwlock_t *lock)
+    KS_TSA(try_acquire_shared_capability(true, *lock)) KS_NO_ANALYSIS // wrapper
+{
+    return pthread_rwlock_tryrdlock(&lock->native) == 0;
 }
 
 inline void rwlock_read_unlock(rwlock_t *lock) KS_RELEASE_SHARED(*lock) KS_NO_ANALYSIS // wrapper

@@ -1,8 +1,9 @@
 // Starting and stopping the plugin's threads.
 //
-// Threads are stopped by cancellation only. A thread that dies with a lock, a table row or a descriptor in its
-// hands would stop the product, and most system calls are cancellation points. So every thread of the plugin
-// runs with cancellation disabled and enables it around the single blocking call at which it may be stopped:
+// Threads are stopped by cancellation only. A thread that dies with a lock, a table row or a descriptor in
+// its hands would stop the product, and most system calls are cancellation points. So every thread of the
+// plugin runs with cancellation disabled and enables it around the single blocking call at which it may be
+// stopped:
 //
 //   void *body(void *argument)
 //   {
@@ -37,4 +38,18 @@ inline void thread_cancel_enable()
 inline void thread_cancel_disable()
 {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+}
+
+// For work that must not be cut short on a thread of the host, whose cancellation state is the host's: disable
+// cancellation and return the state to restore.
+[[nodiscard]] inline int thread_cancel_suspend()
+{
+    int before;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    return before;
+}
+
+inline void thread_cancel_restore(int before)
+{
+    pthread_setcancelstate(before, nullptr);
 }

@@ -69,6 +69,7 @@ std::string failed()
 
 WRAP(void *, malloc, (size_t size), (size), nullptr, ENOMEM)
 WRAP(void *, calloc, (size_t count, size_t size), (count, size), nullptr, ENOMEM)
+WRAP(void *, aligned_alloc, (size_t alignment, size_t size), (alignment, size), nullptr, ENOMEM)
 WRAP(void *, mmap, (void *at, size_t size, int protection, int flags, int fd, off_t offset),
      (at, size, protection, flags, fd, offset), MAP_FAILED, ENOMEM)
 WRAP(int, pthread_create,

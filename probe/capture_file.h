@@ -1,0 +1,59 @@
+// Reading pcap and pcapng files, with nanosecond timestamps, and replaying them.
+//
+// Threads: one.
+#pragma once
+
+#include "probe/counters.h"
+#include "probe/link_type.h"
+#include "probe/packet_sink.h"
+#include "probe/replay_clock.h"
+#include "probe/stop_event.h"
+
+#include <cstdint>
+#include <memory>
+#include <pcap/pcap.h>
+#include <string>
+#include <vector>
+
+namespace probe {
+
+struct captured_t {
+    const uint8_t *data; // valid until the next record is read
+    uint32_t size;       // bytes captured
+    uint64_t timestamp_ns;
+};
+
+class capture_file_t {
+public:
+    // Open a file; "-" is standard input. Throws error_t when it cannot be opened, is no capture file, or has
+    // a link type that cannot be read.
+    explicit capture_file_t(const std::string &path);
+
+    enum class result_t : uint8_t {
+        PACKET,
+        END,
+        CUT // the file ends within a record; every record before it was read
+    };
+    // The next record. Throws error_t when the file is damaged.
+    result_t next(captured_t *out);
+    link_type_t link_type() const { return link_type_; }
+
+private:
+    std::string path_;
+    std::unique_ptr<pcap_t, decltype(&pcap_close)> pcap_;
+    link_type_t link_type_ = link_type_t::ETHERNET;
+};
+
+struct replay_options_t {
+    std::vector<std::string> files; // read one after the other
+    double speed = 1;               // factor of the recorded pace; 0: as fast as possible
+    uint64_t passes = 1;            // over all files; 0: for ever
+    bool rebase = false;            // timestamps are moved to now
+};
+
+// Read all files, at the recorded pace if asked, until they end or a stop is requested. A cut file is logged
+// once. Throws error_t; what was read before has reached the sink.
+void replay_files(const replay_options_t &options, const stop_event_t &stop, reader_counters_t *counters,
+                  packet_sink_t *sink);
+
+} // namespace probe

@@ -1,0 +1,44 @@
+// What the probe counts. Each group is written by one thread and read by the main thread at any time.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace probe {
+
+class counter_t {
+public:
+    // Only by the thread that owns the counter.
+    void add(uint64_t value = 1) { set(get() + value); }
+    void set(uint64_t value) { value_.store(value, std::memory_order_relaxed); }
+    uint64_t get() const { return value_.load(std::memory_order_relaxed); }
+
+private:
+    std::atomic<uint64_t> value_ = 0;
+};
+
+// Of a thread that reads packets. read = handed on (all queues) + not_ip + truncated, once all is handed
+// over.
+struct alignas(64) reader_counters_t {
+    counter_t read;
+    counter_t not_ip;
+    counter_t truncated; // captured bytes end before the addresses
+    counter_t clamped;   // handed on with the first 65535 bytes, the most that a packet record can hold
+    counter_t kernel_dropped;
+};
+
+// Of a thread that hands packets on.
+struct alignas(64) queue_counters_t {
+    counter_t handed_on;
+    counter_t flows;         // begun
+    counter_t flows_active;  // in the table
+    counter_t flows_evicted; // ended because the table was full
+};
+
+// One line: "counters: read=7451 handed_on=7451 handed_on_0=7451 not_ip=0 ...".
+std::string counters_text(const std::vector<const reader_counters_t *> &readers,
+                          const std::vector<const queue_counters_t *> &queues);
+
+} // namespace probe

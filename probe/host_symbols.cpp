@@ -1,0 +1,34 @@
+// What the program provides to the plugin, under the names that host-symbols.list exports.
+#include "common/host_interface.h"
+#include "probe/log.h"
+#include "probe/params.h"
+
+#include <cstdarg>
+#include <exception>
+#include <string>
+
+int32_t verbose_level = 0;
+
+void verbose_msg(int level, int /*flag*/, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    probe::log_plugin(level, format, arguments);
+    va_end(arguments);
+}
+
+int config_set_values(const char *params, config_option_t *options)
+{
+    // The plugin may keep the strings for as long as the process runs.
+    static probe::params_parser_t parser;
+    try {
+        std::string error;
+        if (parser.parse(params != nullptr ? params : "", options, &error)) {
+            return 0;
+        }
+        probe::log_error("%s", error.c_str());
+    } catch (const std::exception &failure) { // the plugin cannot have exceptions pass through it
+        probe::log_error("parameters: %s", failure.what());
+    }
+    return -1;
+}

@@ -1,0 +1,37 @@
+// What wakes the main thread: SIGINT and SIGTERM (stop), SIGUSR1 (print counters), and the program's own
+// threads when they end. SIGXFSZ and SIGPIPE have no effect but the error of the call that met them; they are
+// caught rather than ignored, so that the programs that the plugin starts find them as usual.
+//
+// Threads: install and wait in the main thread; wake anywhere. All other threads block these signals.
+#pragma once
+
+#include <csignal>
+#include <cstdint>
+
+namespace probe {
+
+void signals_install(); // throws error_t
+
+struct wake_reasons_t {
+    bool stop = false;     // SIGINT or SIGTERM
+    bool counters = false; // SIGUSR1
+};
+// Wait until something happens, at most until this time of the monotonic clock. May return without a reason.
+wake_reasons_t signals_wait(uint64_t until_monotonic_ns);
+
+// Make signals_wait return.
+void signals_wake() noexcept;
+
+// Blocks all signals in the calling thread, hence in the threads that it starts, while it lives.
+class signals_blocked_t {
+public:
+    signals_blocked_t();
+    ~signals_blocked_t();
+    signals_blocked_t(const signals_blocked_t &) = delete;
+    signals_blocked_t &operator=(const signals_blocked_t &) = delete;
+
+private:
+    sigset_t before_;
+};
+
+} // namespace probe

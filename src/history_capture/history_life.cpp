@@ -1,0 +1,249 @@
+// Creating, enabling, disabling and destroying a history capture.
+
+#include "history_capture/history_capture.h"
+
+#include "common/log.h"
+#include "common/memory.h"
+#include "common/thread.h"
+#include "history_capture/gate.h"
+#include "history_capture/ring_memory.h"
+
+#include <cstdlib>
+
+namespace {
+
+// The locks and conditions in the order in which they are created.
+enum : int { STATE_LOCK = 1, LIFE_LOCK, BUFFER_LOCK, SEARCH_MOVED, DELETED_RULES_LOCK, SEARCH_SEMAPHORE };
+
+// Destroy what was created up to and with `made`, newest first.
+void destroy_locks(history_capture_t *hc, int made) KS_NO_ANALYSIS // nobody else uses the structure
+{
+    switch (made) {
+    case SEARCH_SEMAPHORE:
+        sem_destroy(&hc->search_semaphore);
+        [[fallthrough]];
+    case DELETED_RULES_LOCK:
+        mutex_destroy(&hc->deleted_rules_lock);
+        [[fallthrough]];
+    case SEARCH_MOVED:
+        pthread_cond_destroy(&hc->search_moved);
+        [[fallthrough]];
+    case BUFFER_LOCK:
+        mutex_destroy(&hc->buffer_lock);
+        [[fallthrough]];
+    case LIFE_LOCK:
+        mutex_destroy(&hc->life_lock);
+        [[fallthrough]];
+    case STATE_LOCK:
+        rwlock_destroy(&hc->state_lock);
+        break;
+    default:
+        break;
+    }
+}
+
+// Create the locks. The last one created: SEARCH_SEMAPHORE when all were, after logging what was not.
+int create_locks(history_capture_t *hc)
+{
+    if (rwlock_init(&hc->state_lock) != 0) {
+        KS_ERROR("kestrune: History_capture: Lock for Buffer state was not created");
+        return 0;
+    }
+    if (mutex_init(&hc->life_lock) != 0) {
+        KS_ERROR("kestrune: History_capture: Lock for Buffer state was not created");
+        return STATE_LOCK;
+    }
+    const int made = mutex_init(&hc->buffer_lock) != 0                    ? LIFE_LOCK
+                     : pthread_cond_init(&hc->search_moved, nullptr) != 0 ? BUFFER_LOCK
+                     : mutex_init(&hc->deleted_rules_lock) != 0           ? SEARCH_MOVED
+                                                                          : DELETED_RULES_LOCK;
+    if (made != DELETED_RULES_LOCK) {
+        KS_ERROR("kestrune: History_capture: Lock for Buffer was not created");
+        return made;
+    }
+    if (sem_init(&hc->search_semaphore, 0, 0) != 0) {
+        KS_ERROR("kestrune: History_capture: Semaphore for search thread was not created");
+        return DELETED_RULES_LOCK;
+    }
+    return SEARCH_SEMAPHORE;
+}
+
+void destroy_tables(history_capture_t *hc) KS_NO_ANALYSIS // nobody else uses the structure
+{
+    if (hc->slow_search_table != nullptr) {
+        fhf_destroy(hc->slow_search_table);
+    }
+    if (hc->fast_search_table != nullptr) {
+        fhf_destroy(hc->fast_search_table);
+    }
+}
+
+// Tables and locks of a zeroed structure. False, after logging why and with nothing left, when one is
+// missing.
+bool create_parts(history_capture_t *hc) KS_NO_ANALYSIS // nobody else uses the structure
+{
+    hc->slow_search_table = fhf_init(HC_TABLE_ROWS, sizeof(ip_addr_t), sizeof(hc_rule_t));
+    if (hc->slow_search_table == nullptr) {
+        KS_ERROR("kestrune: History_capture: Searching table for slow search could not be allocated");
+        return false;
+    }
+    hc->fast_search_table = fhf_init(HC_TABLE_ROWS, sizeof(ip_addr_t), sizeof(hc_rule_t));
+    if (hc->fast_search_table == nullptr) {
+        KS_ERROR("kestrune: History_capture: Searching table for fast search could not be allocated");
+        destroy_tables(hc);
+        return false;
+    }
+    const int made = create_locks(hc);
+    if (made != SEARCH_SEMAPHORE) {
+        destroy_locks(hc, made);
+        destroy_tables(hc);
+        return false;
+    }
+    return true;
+}
+
+// Let the ring and its rules be gone for everybody and hand the memory to the caller, who releases it outside
+// the lock: giving gigabytes back takes time.
+uint8_t *detach_ring(history_capture_t *hc, uint64_t *size)
+{
+    rwlock_write(&hc->state_lock);
+    gate_close(hc);
+    uint8_t *buffer = hc->buffer;
+    *size = hc->size;
+    hc->buffer = nullptr;
+    hc->first = 0;
+    hc->last = 0;
+    hc->packets = 0;
+    hc->size = 0;
+    hc->last_packet_time = 0;
+    hc->stopping = false;
+    hc->new_rules = 0; // their table was emptied; a post that nobody took belonged to them
+    while (sem_trywait(&hc->search_semaphore) == 0) {
+    }
+    gate_open(hc);
+    rwlock_write_unlock(&hc->state_lock);
+    return buffer;
+}
+
+// Refuse packets and rules from now on. False when the ring is not enabled. A run holds state_lock for
+// reading, so this waits for its end, while the packet thread, a reader too, goes on.
+bool begin_stop(history_capture_t *hc)
+{
+    rwlock_write(&hc->state_lock);
+    gate_close(hc);
+    const bool was_enabled = hc->enabled != 0;
+    if (was_enabled) {
+        hc->enabled = 0;
+        hc->stopping = true;
+    }
+    gate_open(hc);
+    rwlock_write_unlock(&hc->state_lock);
+    return was_enabled;
+}
+
+// Put a ring of this memory into use.
+void attach_ring(history_capture_t *hc, uint8_t *buffer, uint64_t size)
+{
+    rwlock_write(&hc->state_lock);
+    gate_close(hc);
+    hc->buffer = buffer;
+    hc->size = size;
+    hc->last = 0;
+    hc->packets = 0;
+    hc->first = size;
+    hc->enabled = 1;
+    gate_open(hc);
+    rwlock_write_unlock(&hc->state_lock);
+}
+
+} // namespace
+
+history_capture_t *hc_init(uint64_t size)
+{
+    auto *hc = static_cast<history_capture_t *>(zeroed_lines(1, sizeof(history_capture_t)));
+    if (hc == nullptr) {
+        KS_ERROR("kestrune: History_capture: Main structure could not be allocated");
+        return nullptr;
+    }
+    if (!create_parts(hc)) {
+        std::free(hc);
+        return nullptr;
+    }
+    hc->search_pause_ms = HC_SEARCH_PAUSE_MS;
+    if (size == 0 || hc_enable(hc, size) >= 0) {
+        return hc;
+    }
+    hc_destroy(hc);
+    KS_INFO(LOG_EVENT, "kestrune: History_capture: Buffer of size %lu B could not be allocated\n.", size);
+    KS_ERROR("kestrune: History_capture: Buffer could not be allocated\n.");
+    return nullptr;
+}
+
+int32_t hc_enable(history_capture_t *hc, uint64_t size)
+{
+    if (size == 0) {
+        size = HC_DEFAULT_SIZE;
+    }
+    mutex_lock(&hc->life_lock);
+    if (hc->enabled != 0) {
+        mutex_unlock(&hc->life_lock);
+        return HC_RUNNING;
+    }
+    uint8_t *buffer = ring_allocate(size);
+    if (buffer == nullptr) {
+        mutex_unlock(&hc->life_lock);
+        return HC_NO_MEMORY;
+    }
+    if (thread_start(&hc->search_thread, hc_search_thread, hc) != 0) { // it sleeps until the first rule comes
+        KS_ERROR("kestrune: History_capture: Search thread was not created");
+        ring_free(buffer, size);
+        mutex_unlock(&hc->life_lock);
+        return HC_NO_MEMORY;
+    }
+    attach_ring(hc, buffer, size);
+    mutex_unlock(&hc->life_lock);
+    return HC_OK;
+}
+
+void hc_disable(history_capture_t *hc)
+{
+    mutex_lock(&hc->life_lock);
+    if (!begin_stop(hc)) {
+        mutex_unlock(&hc->life_lock);
+        return;
+    }
+    // state_lock is free meanwhile: the thread may need it to see that it is to stop, or to finish a run that
+    // it has just taken.
+    KS_INFO(LOG_DETAIL, "kestrune: Try to cancel search thread");
+    thread_stop(hc->search_thread);
+    KS_INFO(LOG_DETAIL, "kestrune: Search thread canceled");
+
+    rwlock_read(&hc->state_lock);
+    fhf_table_t *waiting = hc->slow_search_table;
+    rwlock_read_unlock(&hc->state_lock);
+    KS_INFO(LOG_DETAIL, "kestrune: Cleaning rules from fht");
+    hc_clean_rules_from_fht(hc, waiting);
+
+    uint64_t size = 0;
+    uint8_t *buffer = detach_ring(hc, &size);
+    ring_free(buffer, size);
+    mutex_unlock(&hc->life_lock);
+}
+
+void hc_destroy(history_capture_t *hc)
+{
+    if (hc == nullptr) {
+        return;
+    }
+    hc_disable(hc);
+    mutex_lock(&hc->deleted_rules_lock);
+    while (hc->deleted_rules != nullptr) {
+        hc_deleted_rule_t *item = hc->deleted_rules;
+        hc->deleted_rules = item->next;
+        std::free(item);
+    }
+    mutex_unlock(&hc->deleted_rules_lock);
+    destroy_locks(hc, SEARCH_SEMAPHORE);
+    destroy_tables(hc);
+    std::free(hc);
+}

@@ -1,0 +1,163 @@
+#include "live_capture/live_capture.h"
+
+#include "common/descriptor.h"
+#include "common/log.h"
+#include "common/memory.h"
+#include "common/thread.h"
+#include "storage/pcap_writer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+struct packet_t {
+    const uint8_t *data;
+    uint32_t length;
+    uint64_t timestamp;
+};
+
+// Append the packet to the file of an item whose row is held; `now` is from before the look-up. 1 when it was
+// written. The host's packet threads may be cancellable, and a thread that died here would leave the row
+// held.
+int write_locked(lc_item_t *item, const packet_t &packet, time_t now)
+{
+    if (item->error != 0 || item->packets >= item->packet_limit || now > item->end_time) {
+        return 0;
+    }
+    const int cancel_state = thread_cancel_suspend();
+    const bool written = write_pcap_packet(item->fd, packet.data, packet.length, packet.timestamp) == 0;
+    if (written) {
+        item->packets++;
+    } else {
+        item->error = errno;
+    }
+    thread_cancel_restore(cancel_state);
+    return written ? 1 : 0;
+}
+
+// Offer the packet to the address's item, when it has one that matches packets on this side (SRC or DST).
+int offer(live_capture_t *live, const ip_addr_t *addr, uint32_t side, const packet_t &packet)
+{
+    fhf_table_t *table = live->ip_table;
+    const fhf_place_t place = fhf_place_of(table, addr->bytes);
+    if (!fhf_may_hold(table, place)) {
+        return 0;
+    }
+    const time_t now = time(nullptr);
+    fhf_lock_t *row;
+    auto *item = static_cast<lc_item_t *>(fhf_get_placed_locked(table, place, addr->bytes, &row));
+    if (item == nullptr) {
+        return 0;
+    }
+    const bool matches = item->direction == side || item->direction == BOTH;
+    const int written = matches ? write_locked(item, packet, now) : 0;
+    fhf_unlock(row);
+    return written;
+}
+
+} // namespace
+
+live_capture_t *lc_init()
+{
+    auto *live = static_cast<live_capture_t *>(zeroed_lines(1, sizeof(live_capture_t)));
+    if (live == nullptr) {
+        KS_ERROR("kestrune: Failed to allocate live capture structure");
+        return nullptr;
+    }
+    live->ip_table = fhf_init(LC_TABLE_ROWS, sizeof(ip_addr_t), sizeof(lc_item_t));
+    if (live->ip_table == nullptr) {
+        KS_ERROR("kestrune: Failed to allocate live capture structure - ip_table");
+        std::free(live);
+        return nullptr;
+    }
+    return live;
+}
+
+int lc_add_rule(live_capture_t *live, const ip_addr_t *addr, uint32_t direction, uint32_t packet_limit,
+                uint32_t time_limit, const char *path)
+{
+    lc_item_t item = {};
+    item.direction = direction;
+    item.packet_limit = packet_limit;
+    item.start_time = time(nullptr);
+    item.end_time = item.start_time + time_limit;
+    item.fd = create_capture_file(path);
+    if (item.fd < 0) {
+        KS_INFO(LOG_EVENT, "kestrune: Live_capture: Rule not added: failed to open file");
+        KS_ERROR("kestrune: Live_capture: Open failed: %s", std::strerror(errno));
+        return LC_NOT_OPENED;
+    }
+    if (write_pcap_header(item.fd) != 0) {
+        KS_INFO(LOG_EVENT, "kestrune: Live_capture: Rule not added: write to file failed");
+        KS_ERROR("kestrune: Live_capture: Write failed: %s", std::strerror(errno));
+        close(item.fd);
+        return LC_NOT_WRITTEN;
+    }
+    if (fhf_insert(live->ip_table, addr->bytes, &item) != FHF_OK) {
+        close(item.fd);
+        KS_INFO(LOG_EVENT, "kestrune: Listener: Rule not added: failed to add rule to the table");
+        return LC_NOT_TAKEN;
+    }
+    return LC_OK;
+}
+
+int lc_update_rule(live_capture_t *live, const ip_addr_t *addr, uint32_t direction, uint32_t packets,
+                   uint32_t time_limit)
+{
+    fhf_lock_t *row;
+    lc_item_t *item = lc_find_locked(live, addr, &row);
+    if (item == nullptr) {
+        return LC_UNKNOWN;
+    }
+    if (item->direction != direction) {
+        item->direction = BOTH;
+    }
+    item->packet_limit =
+        static_cast<uint32_t>(std::min<uint64_t>(uint64_t{item->packets} + packets, UINT32_MAX));
+    item->end_time = time(nullptr) + time_limit;
+    if (difftime(item->end_time, item->start_time) > static_cast<double>(UINT32_MAX)) {
+        item->end_time = item->start_time + UINT32_MAX;
+    }
+    fhf_unlock(row);
+    return LC_OK;
+}
+
+int lc_change_direction(live_capture_t *live, const ip_addr_t *addr, uint32_t direction)
+{
+    fhf_lock_t *row;
+    lc_item_t *item = lc_find_locked(live, addr, &row);
+    if (item == nullptr) {
+        return LC_UNKNOWN;
+    }
+    item->direction = direction;
+    fhf_unlock(row);
+    return LC_OK;
+}
+
+int lc_drop_rule(live_capture_t *live, const ip_addr_t *addr)
+{
+    const int cancel_state = thread_cancel_suspend();
+    fhf_lock_t *row;
+    const lc_item_t *item = lc_find_locked(live, addr, &row);
+    if (item != nullptr) {
+        close(item->fd);
+        if (fhf_remove_locked(live->ip_table, addr->bytes, row) != FHF_OK) {
+            KS_ERROR("kestrune: Live_capture: Failed removing rule");
+        }
+    }
+    thread_cancel_restore(cancel_state);
+    return item != nullptr ? LC_OK : LC_UNKNOWN;
+}
+
+int lc_filter(live_capture_t *live, const ip_addr_t *src, const ip_addr_t *dst, const uint8_t *data,
+              uint32_t length, uint64_t timestamp)
+{
+    const packet_t packet = {data, length, timestamp};
+    const int as_source = offer(live, src, SRC, packet);
+    const int as_destination = offer(live, dst, DST, packet);
+    return as_source | as_destination;
+}

@@ -1,0 +1,79 @@
+#include "support/pcap_read.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace {
+
+uint32_t u32_at(const std::string &bytes, size_t at)
+{
+    uint32_t value;
+    std::memcpy(&value, bytes.data() + at, sizeof value);
+    return value;
+}
+
+} // namespace
+
+std::vector<pcap_record_t> read_pcap(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::stringstream content;
+    content << file.rdbuf();
+    const std::string bytes = content.str();
+    if (bytes.size() < 24 || u32_at(bytes, 0) != 0xa1b23c4d || u32_at(bytes, 20) != 1) {
+        throw std::runtime_error(path + ": no nanosecond Ethernet pcap file");
+    }
+    std::vector<pcap_record_t> records;
+    size_t at = 24;
+    while (at < bytes.size()) {
+        if (bytes.size() - at < 16 || bytes.size() - at - 16 < u32_at(bytes, at + 8)) {
+            throw std::runtime_error(path + ": torn record");
+        }
+        const uint32_t length = u32_at(bytes, at + 8);
+        records.push_back({u32_at(bytes, at) * uint64_t{1000000000} + u32_at(bytes, at + 4),
+                           u32_at(bytes, at + 12), bytes.substr(at + 16, length)});
+        at += 16 + size_t{length};
+    }
+    return records;
+}
+
+std::vector<std::string> open_descriptors()
+{
+    std::vector<std::string> targets;
+    std::error_code error;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const std::string target = std::filesystem::read_symlink(entry.path(), error).string();
+        if (!error && target.find("/proc/") != 0) {
+            targets.push_back(target);
+        }
+    }
+    return targets;
+}
+
+int thread_count()
+{
+    int count = 0;
+    for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        count++;
+    }
+    return count;
+}
+
+temp_dir_t::temp_dir_t()
+{
+    std::string pattern = (std::filesystem::temp_directory_path() / "kestrune-test-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("no temporary directory");
+    }
+    root = pattern;
+}
+
+temp_dir_t::~temp_dir_t()
+{
+    std::error_code error;
+    std::filesystem::remove_all(root, error);
+}

@@ -1,0 +1,153 @@
+// What the history tests share: a clock that the test sets (the program is linked with --wrap=time), packets
+// that tell who they are, and a plain model of the ring.
+#pragma once
+
+#include "common/ip_addr.h"
+#include "common/progress.h"
+#include "history_capture/history_capture.h"
+#include "support/fault.h"
+#include "support/pcap_read.h"
+#include "support/test_host.h"
+
+#include <atomic>
+#include <cstring>
+#include <deque>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <vector>
+
+inline std::atomic<time_t> test_clock{1000}; // what time() answers
+
+inline ip_addr_t address(uint8_t number)
+{
+    const uint8_t bytes[4] = {number, 0, 0, 10};
+    return ip_addr_from_ipv4(bytes);
+}
+
+struct packet_t {
+    ip_addr_t src;
+    ip_addr_t dst;
+    std::string data;
+    uint64_t timestamp;
+};
+
+// Packet number n of this many bytes; the bytes depend on n.
+inline packet_t make_packet(uint64_t n, uint32_t length, uint8_t src, uint8_t dst)
+{
+    std::string data(length, '\0');
+    for (uint32_t i = 0; i < length; i++) {
+        data[i] = static_cast<char>(n * 31 + i * 7);
+    }
+    return {address(src), address(dst), std::move(data), n};
+}
+
+inline int32_t enqueue(history_capture_t *hc, const packet_t &packet)
+{
+    return hc_enqueue(hc, &packet.src, &packet.dst, reinterpret_cast<const uint8_t *>(packet.data.data()),
+                      static_cast<uint32_t>(packet.data.size()), packet.timestamp);
+}
+
+// A ring and the directory of its files.
+class ring_t {
+public:
+    explicit ring_t(uint64_t size, uint32_t pause_ms = 0) : hc(hc_init(size))
+    {
+        hc->search_pause_ms = pause_ms;
+    }
+    ~ring_t() { hc_destroy(hc); }
+    ring_t(const ring_t &) = delete;
+    ring_t &operator=(const ring_t &) = delete;
+
+    int32_t add(uint8_t number, uint8_t direction, const std::string &name) const
+    {
+        const ip_addr_t ip = address(number);
+        return hc_add_rule(hc, &ip, direction, files.path(name).c_str());
+    }
+    uint64_t progress(uint8_t number, uint8_t remove = 0) const
+    {
+        const ip_addr_t ip = address(number);
+        return hc_search_progress(hc, &ip, remove);
+    }
+    bool finishes(uint8_t number) const
+    {
+        return wait_until(
+            [&] { return progress_percent(progress(number)) == PROGRESS_DONE && hc->searching == 0; });
+    }
+    hc_info_t info() const
+    {
+        hc_info_t out = {};
+        hc_info(hc, &out);
+        return out;
+    }
+
+    history_capture_t *hc;
+    temp_dir_t files;
+};
+
+// The ring as it is defined, without a byte of it: which records are in it and where they begin. A record
+// takes its bytes and, before the end of the buffer, those that no header fits into; the oldest record also
+// holds the unused bytes between `freed` (where the last dropped record ended) and the end of the buffer.
+class ring_model_t {
+public:
+    struct record_t {
+        packet_t packet;
+        uint64_t at;
+        int64_t time;
+    };
+
+    explicit ring_model_t(uint64_t ring_size) : size(ring_size), freed(ring_size) {}
+
+    bool add(const packet_t &packet, int64_t time)
+    {
+        const uint64_t length = std::min<size_t>(packet.data.size(), HC_MAX_DATA);
+        const uint64_t total = HC_RECORD_HEADER + length;
+        if (total > size) {
+            return false;
+        }
+        while (!records.empty() && collides(total)) {
+            drop();
+        }
+        const uint64_t at = next + HC_RECORD_HEADER > size ? 0 : next;
+        packet_t stored = packet;
+        stored.data.resize(length);
+        records.push_back({std::move(stored), at, time});
+        next = at + total < size ? at + total : at + total - size;
+        return true;
+    }
+
+    std::deque<record_t> records; // oldest first
+    uint64_t size;
+
+private:
+    bool collides(uint64_t total) const
+    {
+        const uint64_t oldest = records.front().at;
+        const bool holds_end = freed + HC_RECORD_HEADER > size; // oldest == 0 then
+        if (oldest == next) {
+            return true; // full
+        }
+        if (next + HC_RECORD_HEADER > size) { // [0, total), and the rest of the buffer skipped
+            return holds_end || oldest >= next || oldest < total;
+        }
+        if (next + total >= size) { // reaches the end, may go on at 0
+            return holds_end || oldest >= next || oldest < next + total - size;
+        }
+        const auto taken = [&](uint64_t at) { return at >= next && at < next + total; };
+        return taken(oldest) || (holds_end && taken(freed));
+    }
+
+    void drop()
+    {
+        const record_t &oldest = records.front();
+        freed = (oldest.at + HC_RECORD_HEADER + oldest.packet.data.size()) % size;
+        records.pop_front();
+        if (records.empty()) {
+            freed = size;
+            next = 0;
+        }
+    }
+
+    uint64_t next = 0;
+    uint64_t freed;
+};

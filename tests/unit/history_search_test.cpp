@@ -1,0 +1,325 @@
+#include "unit/history_fixture.h"
+
+#include <csignal>
+#include <fstream>
+#include <random>
+#include <sys/resource.h>
+#include <thread>
+
+extern "C" time_t __wrap_time(time_t *out);
+time_t __wrap_time(time_t *out)
+{
+    const time_t now = test_clock.load();
+    if (out != nullptr) {
+        *out = now;
+    }
+    return now;
+}
+
+namespace {
+
+pcap_record_t as_record(const packet_t &packet)
+{
+    return {packet.timestamp, static_cast<uint32_t>(packet.data.size()), packet.data};
+}
+
+// What a rule must get of the model's records, in the ring's order.
+std::vector<pcap_record_t> owed(const ring_model_t &model, uint8_t number, uint8_t direction)
+{
+    std::vector<pcap_record_t> records;
+    const ip_addr_t ip = address(number);
+    for (const auto &record : model.records) {
+        if (direction != DST && record.packet.src == ip) {
+            records.push_back(as_record(record.packet));
+        }
+        if (direction != SRC && record.packet.dst == ip) {
+            records.push_back(as_record(record.packet));
+        }
+    }
+    return records;
+}
+
+// Hold a rule of the current run: the run stops at the rule's first record until the row is given back.
+class held_rule_t {
+public:
+    held_rule_t(history_capture_t *history, fhf_table_t *table, uint8_t number) : hc(history)
+    {
+        const ip_addr_t ip = address(number);
+        EXPECT_NE(fhf_get_data_locked(table, &ip, &row), nullptr);
+    }
+    ~held_rule_t() { release(); }
+    held_rule_t(const held_rule_t &) = delete;
+    held_rule_t &operator=(const held_rule_t &) = delete;
+    void release()
+    {
+        if (row != nullptr) {
+            fhf_unlock(row);
+        }
+        row = nullptr;
+    }
+    history_capture_t *hc;
+
+private:
+    fhf_lock_t *row = nullptr;
+};
+
+fhf_table_t *waiting_table(history_capture_t *hc) KS_NO_ANALYSIS
+{
+    return hc->slow_search_table;
+}
+
+// A ring of `count` records of rule 1's address whose run hangs at the oldest of them.
+struct hanging_run_t {
+    explicit hanging_run_t(uint64_t size, int count) : ring(size)
+    {
+        for (int i = 0; i < count; i++) {
+            EXPECT_EQ(enqueue(ring.hc, make_packet(static_cast<uint64_t>(i), 100, 1, 2)), HC_OK);
+        }
+        // The search thread sleeps until the post, so the row is held before the run can begin.
+        EXPECT_EQ(ring.add(3, BOTH, "first"), HC_OK);
+        EXPECT_TRUE(ring.finishes(3));
+        rwlock_read(&ring.hc->state_lock); // no run begins meanwhile
+        EXPECT_EQ(ring.add(1, BOTH, "rule"), HC_OK);
+        while (row_of(other) == row_of(1)) {
+            other++;
+        }
+        EXPECT_EQ(ring.add(other, BOTH, "other"), HC_OK);
+        held = std::make_unique<held_rule_t>(ring.hc, waiting_table(ring.hc), 1);
+        rwlock_read_unlock(&ring.hc->state_lock);
+        EXPECT_TRUE(wait_until([&] { return ring.hc->searching == 1; }));
+    }
+    uint64_t row_of(uint8_t number) const
+    {
+        const ip_addr_t ip = address(number);
+        return fhf_place_of(waiting_table(ring.hc), &ip).row;
+    }
+    ring_t ring;
+    uint8_t other = 20; // a rule of the same run that nobody holds
+    std::unique_ptr<held_rule_t> held;
+};
+
+} // namespace
+
+// Random packets, rules at random moments and packets at full speed while their runs are under way: every
+// rule gets exactly the records that the ring held when it came, in order, whichever of the two searches met
+// them.
+TEST(HistorySearch, EveryRuleGetsExactlyTheRecordsOfItsMoment)
+{
+    const int rounds = std::getenv("KESTRUNE_LONG") != nullptr ? 400 : 40;
+    std::mt19937 random(3);
+    uint64_t number = 0;
+    for (const uint64_t size : {51UL, 60UL, 130UL, 700UL, 5000UL, 66000UL, 200000UL}) {
+        ring_t ring(size, 2);
+        ring_model_t model(size);
+        const auto put = [&](uint32_t most) {
+            const auto pair = random();
+            const packet_t packet =
+                make_packet(number++, static_cast<uint32_t>(random() % most), static_cast<uint8_t>(pair % 5),
+                            static_cast<uint8_t>(pair / 5 % 5));
+            ASSERT_EQ(enqueue(ring.hc, packet), model.add(packet, test_clock) ? HC_OK : HC_TOO_LARGE);
+        };
+        const uint32_t most = static_cast<uint32_t>(std::min<uint64_t>(size / 3 + 2, 1500));
+        for (int round = 0; round < rounds; round++) {
+            for (auto count = random() % (4 * size / (most / 2 + 51) + 4); count > 0; count--) {
+                put(random() % 64 == 0 ? 65536 : most);
+            }
+            test_clock++;
+            std::vector<std::vector<pcap_record_t>> expected;
+            const auto rules = static_cast<uint8_t>(1 + random() % 5);
+            for (uint8_t rule = 0; rule < rules; rule++) {
+                const auto direction = static_cast<uint8_t>((rule + round) % 3);
+                ASSERT_EQ(ring.add(rule, direction, "rule" + std::to_string(rule)), HC_OK);
+                expected.push_back(owed(model, rule, direction));
+            }
+            test_clock++; // what comes now is newer than the rules
+            for (auto count = random() % 400; count > 0; count--) {
+                put(most);
+            }
+            for (uint8_t rule = 0; rule < rules; rule++) {
+                ASSERT_TRUE(wait_until([&] {
+                    put(most);
+                    return progress_percent(ring.progress(rule)) == PROGRESS_DONE && ring.hc->searching == 0;
+                }));
+                const std::string path = ring.files.path("rule" + std::to_string(rule));
+                ASSERT_EQ(read_pcap(path), expected[rule]) << "ring of " << size << ", round " << round;
+                ASSERT_EQ(progress_packets(ring.progress(rule, 1)), expected[rule].size());
+                ASSERT_EQ(progress_percent(ring.progress(rule)), PROGRESS_UNKNOWN);
+                std::remove(path.c_str());
+            }
+        }
+    }
+}
+
+TEST(HistorySearch, RefusesRulesWithTheirCodes)
+{
+    const ring_t ring(5000, 60000);
+    EXPECT_EQ(progress_percent(ring.progress(1)), PROGRESS_UNKNOWN);
+    ASSERT_EQ(ring.add(9, BOTH, "first"), HC_OK);
+    ASSERT_TRUE(ring.finishes(9)); // its thread pauses now: what follows waits
+    EXPECT_EQ(ring.add(1, SRC, "a"), HC_OK);
+    EXPECT_EQ(ring.add(2, SRC, "a"), HC_NOT_OPENED);
+    EXPECT_EQ(ring.add(1, SRC, "b"), HC_NOT_ADDED);
+    EXPECT_EQ(std::ifstream(ring.files.path("b"), std::ios::ate).tellg(), 24);
+    EXPECT_EQ(ring.add(3, DST, "c"), HC_OK);
+    EXPECT_EQ(ring.info().rules, 2U);
+    EXPECT_EQ(progress_percent(ring.progress(1)), 0);
+    const ip_addr_t one = address(1);
+    const ip_addr_t nine = address(9);
+    EXPECT_EQ(hc_searched_packets(ring.hc, &one), 0);
+    EXPECT_EQ(hc_searched_packets(ring.hc, &nine), HC_UNKNOWN);
+    hc_disable(ring.hc);
+    EXPECT_EQ(hc_searched_packets(ring.hc, &one), HC_DISABLED);
+    EXPECT_EQ(progress_percent(ring.progress(1, 1)), PROGRESS_DONE); // the disable finished it
+    EXPECT_EQ(progress_percent(ring.progress(1, 1)), PROGRESS_UNKNOWN);
+    EXPECT_EQ(progress_percent(ring.progress(3)), PROGRESS_DONE);
+}
+
+TEST(HistorySearch, SameSecondIsOwedTheNextIsNot)
+{
+    const ring_t ring(5000, 60000);
+    ASSERT_EQ(ring.add(9, BOTH, "first"), HC_OK);
+    ASSERT_TRUE(ring.finishes(9));
+    ASSERT_EQ(enqueue(ring.hc, make_packet(1, 10, 1, 2)), HC_OK);
+    ASSERT_EQ(ring.add(1, BOTH, "rule"), HC_OK);
+    ASSERT_EQ(enqueue(ring.hc, make_packet(2, 10, 2, 1)), HC_OK);
+    test_clock++;
+    ASSERT_EQ(enqueue(ring.hc, make_packet(3, 10, 1, 1)), HC_OK);
+    for (uint64_t n = 0; n < 200; n++) { // drops them all: the slow search writes what is owed
+        ASSERT_EQ(enqueue(ring.hc, make_packet(n, 100, 5, 6)), HC_OK);
+    }
+    EXPECT_EQ(progress_packets(ring.progress(1)), 2U);
+    EXPECT_EQ(read_pcap(ring.files.path("rule")).size(), 2U);
+}
+
+TEST(HistorySearch, FullRingIsSearchedWholeAndReportsRisingProgress)
+{
+    hanging_run_t run(3 * 151, 6); // exactly full: first and last are equal
+    EXPECT_EQ(run.ring.info().free, 0U);
+    EXPECT_EQ(run.ring.hc->search_position, run.ring.hc->last);
+    EXPECT_EQ(run.ring.progress(run.other), progress_value(0, 0));
+    run.held->release();
+    ASSERT_TRUE(run.ring.finishes(1));
+    EXPECT_EQ(read_pcap(run.ring.files.path("rule")).size(), 3U);
+}
+
+TEST(HistorySearch, PacketWaitsForTheRecordUnderExamination)
+{
+    hanging_run_t run(10 * 151, 40);
+    test_host::reset();
+    std::atomic<bool> stored{false};
+    std::thread writer([&] {
+        for (uint64_t n = 100; n < 110; n++) {
+            EXPECT_EQ(enqueue(run.ring.hc, make_packet(n, 100, 7, 8)), HC_OK);
+        }
+        stored = true;
+    });
+    EXPECT_TRUE(wait_until([] {
+        return test_host::logged("kestrune: History_capture is waiting till the search thread will move");
+    }));
+    EXPECT_FALSE(stored);
+    run.held->release();
+    writer.join();
+    ASSERT_TRUE(run.ring.finishes(1));
+    const auto records = read_pcap(run.ring.files.path("rule"));
+    ASSERT_EQ(records.size(), 10U);
+    EXPECT_EQ(records.front().timestamp, 30U);
+}
+
+TEST(HistorySearch, DisableWaitsForTheRunAndHoldsNoPacketUp)
+{
+    hanging_run_t run(200000, 20);
+    std::thread stopper([&] { hc_disable(run.ring.hc); });
+    for (uint64_t n = 0; n < 2000; n++) { // the disable waits somewhere in here; a packet that did would hang
+        const int32_t result = enqueue(run.ring.hc, make_packet(n, 10, 5, 6));
+        ASSERT_TRUE(result == HC_OK || result == HC_DISABLED);
+        std::this_thread::yield();
+    }
+    run.held->release();
+    stopper.join();
+    EXPECT_EQ(run.ring.hc->enabled, 0);
+    EXPECT_EQ(run.ring.progress(1, 1), progress_value(PROGRESS_DONE, 20));
+    EXPECT_EQ(read_pcap(run.ring.files.path("rule")).size(), 20U);
+}
+
+// Rules and disables racing for the moment before the swap of the tables: every disable ends, every rule is
+// reported once, and the next enabling starts its own runs.
+TEST(HistorySearch, DisableEndsWhereverTheThreadIs)
+{
+    const ring_t ring(0, 1);
+    std::mt19937 random(4);
+    for (int n = 0; n < 1500; n++) {
+        ASSERT_EQ(hc_enable(ring.hc, 1000), HC_OK);
+        ASSERT_EQ(enqueue(ring.hc, make_packet(1, 10, 1, 2)), HC_OK);
+        ASSERT_EQ(ring.add(1, BOTH, "rule"), HC_OK);
+        for (auto spins = random() % 3000; spins > 0; spins--) {
+            cpu_pause();
+        }
+        hc_disable(ring.hc);
+        const uint64_t progress = ring.progress(1, 1);
+        ASSERT_EQ(progress_percent(progress), PROGRESS_DONE);
+        ASSERT_EQ(progress_packets(progress), read_pcap(ring.files.path("rule")).size());
+        ASSERT_EQ(progress_percent(ring.progress(1)), PROGRESS_UNKNOWN);
+        std::remove(ring.files.path("rule").c_str());
+    }
+}
+
+TEST(HistorySearch, ReportedOnceIsNotListedAgain)
+{
+    hanging_run_t run(5000, 3);
+    history_capture_t *hc = run.ring.hc;
+    const uint64_t position = hc->search_position;
+    EXPECT_LT(progress_percent(hc_search_progress(hc, &(const ip_addr_t &)address(8), 1)), 0);
+    // As if the run stood at its end with the files not closed yet.
+    hc->search_pending = 0;
+    hc->search_position = hc->last.load();
+    run.held->release();
+    EXPECT_EQ(progress_percent(run.ring.progress(1, 1)), PROGRESS_DONE);
+    hc->search_position = position;
+    ASSERT_TRUE(wait_until([&] { return hc->searching == 0; }));
+    EXPECT_EQ(progress_percent(run.ring.progress(1)), PROGRESS_UNKNOWN);
+}
+
+TEST(HistorySearch, FilesAreClosedWithoutMemoryForTheWalk)
+{
+    const size_t descriptors = open_descriptors().size();
+    {
+        const ring_t ring(5000, 60000);
+        ASSERT_EQ(ring.add(9, BOTH, "first"), HC_OK);
+        ASSERT_TRUE(ring.finishes(9));
+        ASSERT_EQ(ring.add(1, BOTH, "a"), HC_OK);
+        ASSERT_EQ(ring.add(2, BOTH, "b"), HC_OK);
+        test_host::reset();
+        fault::fail_function("calloc");
+        hc_disable(ring.hc);
+        fault::fail_function("");
+        EXPECT_TRUE(
+            test_host::logged("kestrune: History buffer: Allocation error - cleaning rules from hash table"));
+        EXPECT_EQ(open_descriptors().size(), descriptors);
+        EXPECT_EQ(progress_percent(ring.progress(1)), PROGRESS_UNKNOWN);
+    }
+}
+
+TEST(HistorySearch, FailedWritesAreCountedAndTheOthersGoOn)
+{
+    const ring_t ring(100000);
+    std::signal(SIGXFSZ, SIG_IGN);
+    for (uint64_t n = 0; n < 10; n++) {
+        ASSERT_EQ(enqueue(ring.hc, make_packet(n, 1000, 1, 2)), HC_OK);
+        ASSERT_EQ(enqueue(ring.hc, make_packet(n, 10, 3, 4)), HC_OK);
+    }
+    rlimit before = {};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit low = {3000, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &low);
+    test_host::reset();
+    rwlock_read(&ring.hc->state_lock); // one run for both
+    ASSERT_EQ(ring.add(1, BOTH, "large"), HC_OK);
+    ASSERT_EQ(ring.add(3, BOTH, "small"), HC_OK);
+    rwlock_read_unlock(&ring.hc->state_lock);
+    ASSERT_TRUE(ring.finishes(1));
+    setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(progress_packets(ring.progress(1)), 10U); // counted also when they could not be written
+    EXPECT_EQ(read_pcap(ring.files.path("small")).size(), 10U);
+    EXPECT_EQ(test_host::count("Packet was not stored to file."), 8);
+    EXPECT_EQ(test_host::count("It was not possible to write the packet into the file."), 8);
+}
