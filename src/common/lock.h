@@ -80,6 +80,13 @@ inline void rwlock_read(rwlock_t *lock) KS_ACQUIRE_SHARED(*lock) KS_NO_ANALYSIS 
     pthread_rwlock_rdlock(&lock->native);
 }
 
+// Take the lock for reading if no writer has it; true when it was taken.
+[[nodiscard]] inline bool rwlock_try_read(rwlock_t *lock)
+    KS_TSA(try_acquire_shared_capability(true, *lock)) KS_NO_ANALYSIS // wrapper
+{
+    return pthread_rwlock_tryrdlock(&lock->native) == 0;
+}
+
 inline void rwlock_read_unlock(rwlock_t *lock) KS_RELEASE_SHARED(*lock) KS_NO_ANALYSIS // wrapper
 {
     pthread_rwlock_unlock(&lock->native);

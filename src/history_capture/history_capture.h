@@ -124,6 +124,7 @@ struct history_capture_t {
     uint32_t search_records KS_GUARDED_BY(state_lock); // records in the ring when the run began
     std::atomic<uint8_t> search_pending;               // 1 while the run has records to examine
     std::atomic<uint8_t> writer_waiting;               // 1 while the packet thread waits on search_moved
+    std::atomic<uint32_t> appending;                   // 1 while the packet thread is in the ring, see gate.h
     uint32_t search_pause_ms;                          // between two runs; set before the first rule comes
 };
 

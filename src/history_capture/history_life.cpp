@@ -5,6 +5,7 @@
 #include "common/log.h"
 #include "common/memory.h"
 #include "common/thread.h"
+#include "history_capture/gate.h"
 #include "history_capture/ring_memory.h"
 
 #include <cstdlib>
@@ -106,6 +107,7 @@ bool create_parts(history_capture_t *hc) KS_NO_ANALYSIS // nobody else uses the 
 uint8_t *detach_ring(history_capture_t *hc, uint64_t *size)
 {
     rwlock_write(&hc->state_lock);
+    gate_close(hc);
     uint8_t *buffer = hc->buffer;
     *size = hc->size;
     hc->buffer = nullptr;
@@ -118,6 +120,7 @@ uint8_t *detach_ring(history_capture_t *hc, uint64_t *size)
     hc->new_rules = 0; // their table was emptied; a post that nobody took belonged to them
     while (sem_trywait(&hc->search_semaphore) == 0) {
     }
+    gate_open(hc);
     rwlock_write_unlock(&hc->state_lock);
     return buffer;
 }
@@ -127,35 +130,30 @@ uint8_t *detach_ring(history_capture_t *hc, uint64_t *size)
 bool begin_stop(history_capture_t *hc)
 {
     rwlock_write(&hc->state_lock);
+    gate_close(hc);
     const bool was_enabled = hc->enabled != 0;
     if (was_enabled) {
         hc->enabled = 0;
         hc->stopping = true;
     }
+    gate_open(hc);
     rwlock_write_unlock(&hc->state_lock);
     return was_enabled;
 }
 
-// Put a ring of this memory into use and start its thread.
-int32_t start_ring(history_capture_t *hc, uint8_t *buffer, uint64_t size)
+// Put a ring of this memory into use.
+void attach_ring(history_capture_t *hc, uint8_t *buffer, uint64_t size)
 {
     rwlock_write(&hc->state_lock);
+    gate_close(hc);
     hc->buffer = buffer;
     hc->size = size;
     hc->last = 0;
     hc->packets = 0;
     hc->first = size;
-    if (thread_start(&hc->search_thread, hc_search_thread, hc) != 0) {
-        KS_ERROR("kestrune: History_capture: Search thread was not created");
-        hc->buffer = nullptr;
-        hc->size = 0;
-        hc->first = 0;
-        rwlock_write_unlock(&hc->state_lock);
-        return HC_NO_MEMORY;
-    }
     hc->enabled = 1;
+    gate_open(hc);
     rwlock_write_unlock(&hc->state_lock);
-    return HC_OK;
 }
 
 } // namespace
@@ -192,12 +190,19 @@ int32_t hc_enable(history_capture_t *hc, uint64_t size)
         return HC_RUNNING;
     }
     uint8_t *buffer = ring_allocate(size);
-    const int32_t result = buffer != nullptr ? start_ring(hc, buffer, size) : HC_NO_MEMORY;
-    if (result != HC_OK) {
-        ring_free(buffer, size);
+    if (buffer == nullptr) {
+        mutex_unlock(&hc->life_lock);
+        return HC_NO_MEMORY;
     }
+    if (thread_start(&hc->search_thread, hc_search_thread, hc) != 0) { // it sleeps until the first rule comes
+        KS_ERROR("kestrune: History_capture: Search thread was not created");
+        ring_free(buffer, size);
+        mutex_unlock(&hc->life_lock);
+        return HC_NO_MEMORY;
+    }
+    attach_ring(hc, buffer, size);
     mutex_unlock(&hc->life_lock);
-    return result;
+    return HC_OK;
 }
 
 void hc_disable(history_capture_t *hc)

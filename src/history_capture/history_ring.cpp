@@ -4,6 +4,7 @@
 
 #include "common/log.h"
 #include "common/thread.h"
+#include "history_capture/gate.h"
 
 #include <algorithm>
 #include <ctime>
@@ -12,7 +13,6 @@ namespace {
 
 constexpr auto RELAXED = std::memory_order_relaxed;
 constexpr auto ACQUIRE = std::memory_order_acquire;
-constexpr auto RELEASE = std::memory_order_release;
 
 // How often the packet thread looks again before it sleeps: an examination without a write takes less.
 constexpr int WAIT_SPINS = 2000;
@@ -24,11 +24,10 @@ bool run_needs(const history_capture_t *hc, uint64_t p)
            hc->search_position.load(ACQUIRE) == p;
 }
 
-// Sleep until the run has moved past p. Not inlined: it has no place in the path of a packet.
-[[gnu::noinline]] void sleep_until_moved(history_capture_t *hc, uint64_t p)
+// Sleep until the run has moved past p. The packet thread is outside the gate meanwhile; the caller's read
+// lock keeps the ring as it is.
+void sleep_until_moved(history_capture_t *hc, uint64_t p)
 {
-    int state = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state); // the host's thread: it must not die in here
     mutex_lock(&hc->buffer_lock);
     hc->writer_waiting.store(1, std::memory_order_seq_cst);
     while (run_needs(hc, p)) {
@@ -37,14 +36,35 @@ bool run_needs(const history_capture_t *hc, uint64_t p)
     }
     hc->writer_waiting.store(0, RELAXED);
     mutex_unlock(&hc->buffer_lock);
+}
+
+// Inside the gate: wait as long as the run needs the record at p. Not inlined: it has no place in the path of
+// a packet. A real read lock replaces the gate while this thread sleeps; when it is not to be had the run is
+// over.
+[[gnu::noinline]] void wait_outside(history_capture_t *hc, uint64_t p)
+    KS_REQUIRES_SHARED(hc->state_lock) KS_NO_ANALYSIS // gate and lock are exchanged
+{
+    int spins = 0;
+    int state = 0;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state); // the host's thread: it must not die in here
+    while (run_needs(hc, p)) {
+        if (!rwlock_try_read(&hc->state_lock)) {
+            gate_pause(&spins);
+            continue;
+        }
+        gate_leave(hc);
+        sleep_until_moved(hc, p);
+        gate_enter(hc);
+        rwlock_read_unlock(&hc->state_lock);
+    }
     pthread_setcancelstate(state, nullptr);
 }
 
-void wait_until_examined(history_capture_t *hc, uint64_t p)
+void wait_until_examined(history_capture_t *hc, uint64_t p) KS_REQUIRES_SHARED(hc->state_lock)
 {
     for (int spin = 0; run_needs(hc, p); spin++) {
         if (spin == WAIT_SPINS) {
-            sleep_until_moved(hc, p);
+            wait_outside(hc, p);
             return;
         }
         cpu_pause();
@@ -67,28 +87,48 @@ bool lacks_room(const history_capture_t *hc, uint64_t r) KS_REQUIRES_SHARED(hc->
     return first < taken_at_start || first >= last;
 }
 
-// Where the record is written, and the new `last`.
-uint64_t place_record(history_capture_t *hc, const hc_record_header_t *header, const uint8_t *data)
-    KS_REQUIRES_SHARED(hc->state_lock)
+// A packet on its way into the ring.
+struct hc_packet_t {
+    const ip_addr_t *src;
+    const ip_addr_t *dst;
+    const uint8_t *data;
+    uint16_t length; // bytes of data that are stored
+    uint64_t timestamp;
+    int64_t time;
+};
+
+// Write the record behind the last one, where there is room for it. The header's fields go straight into the
+// ring: a header built aside and copied in wide pieces would wait for its own narrow stores.
+void place_record(history_capture_t *hc, const hc_packet_t &packet) KS_REQUIRES_SHARED(hc->state_lock)
 {
-    const uint64_t length = header->length;
     const uint64_t at = hc_canonical(hc, hc->last.load(RELAXED));
-    std::memcpy(hc->buffer + at, header, HC_RECORD_HEADER);
+    auto *header = reinterpret_cast<hc_record_header_t *>(hc->buffer + at);
+    header->timestamp = packet.timestamp;
+    header->time = packet.time;
+    header->length = packet.length;
+    header->testing_value = HC_TESTING_VALUE;
+    header->src_ip = *packet.src;
+    header->dst_ip = *packet.dst;
+
+    uint8_t *data = hc->buffer + at + HC_RECORD_HEADER;
     const uint64_t before_end = hc->size - at - HC_RECORD_HEADER;
-    if (length < before_end) {
-        std::memcpy(hc->buffer + at + HC_RECORD_HEADER, data, length);
-        return at + HC_RECORD_HEADER + length;
+    uint64_t last = at + HC_RECORD_HEADER + packet.length;
+    if (packet.length < before_end) {
+        std::memcpy(data, packet.data, packet.length);
+    } else {
+        last = packet.length - before_end;
+        std::memcpy(data, packet.data, before_end);
+        std::memcpy(hc->buffer, packet.data + before_end, last);
     }
-    std::memcpy(hc->buffer + at + HC_RECORD_HEADER, data, before_end);
-    std::memcpy(hc->buffer, data + before_end, length - before_end);
-    return length - before_end;
+    hc->last.store(last, RELAXED);
+    hc->packets.store(hc->packets.load(RELAXED) + 1, RELAXED);
 }
 
-// Free bytes between last and first, seen by a thread that pins `first`.
+// Free bytes between last and first.
 uint64_t free_bytes(const history_capture_t *hc) KS_REQUIRES_SHARED(hc->state_lock)
     KS_REQUIRES(hc->position_lock)
 {
-    if (hc->packets.load(ACQUIRE) == 0) {
+    if (hc->packets.load(RELAXED) == 0) {
         return hc->size;
     }
     const uint64_t first = hc->first.load(RELAXED);
@@ -104,29 +144,24 @@ uint64_t free_bytes(const history_capture_t *hc) KS_REQUIRES_SHARED(hc->state_lo
 int32_t hc_enqueue(history_capture_t *hc, const ip_addr_t *src, const ip_addr_t *dst, const uint8_t *data,
                    uint32_t length, uint64_t timestamp)
 {
-    rwlock_read(&hc->state_lock);
-    if (hc->enabled.load(RELAXED) == 0) {
-        rwlock_read_unlock(&hc->state_lock);
-        return HC_DISABLED;
-    }
     const uint32_t stored = std::min(length, HC_MAX_DATA);
     const uint64_t r = uint64_t{HC_RECORD_HEADER} + stored;
-    if (r > hc->size) {
-        rwlock_read_unlock(&hc->state_lock);
-        return HC_TOO_LARGE;
+    int32_t result = HC_OK;
+    gate_enter(hc);
+    if (hc->enabled.load(RELAXED) == 0) {
+        result = HC_DISABLED;
+    } else if (r > hc->size) {
+        result = HC_TOO_LARGE;
+    } else {
+        const int64_t now = time(nullptr);
+        hc->last_packet_time.store(now, RELAXED);
+        while (hc->packets.load(RELAXED) != 0 && lacks_room(hc, r)) {
+            hc_delete_first(hc);
+        }
+        place_record(hc, {src, dst, data, static_cast<uint16_t>(stored), timestamp, now});
     }
-    const int64_t now = time(nullptr);
-    const hc_record_header_t header = {
-        timestamp, now, static_cast<uint16_t>(stored), HC_TESTING_VALUE, *src, *dst,
-    };
-    hc->last_packet_time.store(now, RELAXED);
-    while (hc->packets.load(RELAXED) != 0 && lacks_room(hc, r)) {
-        hc_delete_first(hc);
-    }
-    hc->last.store(place_record(hc, &header, data), RELAXED);
-    hc->packets.store(hc->packets.load(RELAXED) + 1, RELEASE);
-    rwlock_read_unlock(&hc->state_lock);
-    return HC_OK;
+    gate_leave(hc);
+    return result;
 }
 
 void hc_delete_first(history_capture_t *hc)
@@ -142,7 +177,6 @@ void hc_delete_first(history_capture_t *hc)
         hc_filter_ip(hc, hc->slow_search_table, p);
     }
     const uint64_t end = p + HC_RECORD_HEADER + header->length;
-    spin_lock(&hc->position_lock);
     const uint32_t packets = hc->packets.load(RELAXED) - 1;
     hc->packets.store(packets, RELAXED);
     if (packets == 0) { // as right after enabling
@@ -151,7 +185,6 @@ void hc_delete_first(history_capture_t *hc)
     } else {
         hc->first.store(end < hc->size ? end : end % hc->size, RELAXED);
     }
-    spin_unlock(&hc->position_lock);
 }
 
 void hc_info(history_capture_t *hc, hc_info_t *out)
@@ -161,14 +194,14 @@ void hc_info(history_capture_t *hc, hc_info_t *out)
     if (hc->enabled.load(RELAXED) != 0) {
         out->size = hc->size;
         out->rules = hc->new_rules.load(RELAXED);
-        spin_lock(&hc->position_lock); // the oldest record stays where it is meanwhile
-        out->packets = hc->packets.load(ACQUIRE);
+        gate_close(hc);
+        out->packets = hc->packets.load(RELAXED);
         out->free = free_bytes(hc);
         if (out->packets != 0) {
             const hc_record_header_t *oldest = hc_record_at(hc, hc_canonical(hc, hc->first.load(RELAXED)));
             out->time_span = static_cast<uint32_t>(hc->last_packet_time.load(RELAXED) - oldest->time);
         }
-        spin_unlock(&hc->position_lock);
+        gate_open(hc);
     }
     rwlock_read_unlock(&hc->state_lock);
 }

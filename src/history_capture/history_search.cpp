@@ -13,6 +13,7 @@
 
 #include "common/log.h"
 #include "common/thread.h"
+#include "history_capture/gate.h"
 #include "storage/pcap_writer.h"
 
 #include <ctime>
@@ -90,6 +91,7 @@ bool begin_run(history_capture_t *hc, hc_run_t *run)
         rwlock_write_unlock(&hc->state_lock);
         return false;
     }
+    gate_close(hc);
     hc->searched_rules = hc->new_rules.load();
     hc->new_rules = 0;
     fhf_table_t *rules = hc->slow_search_table;
@@ -103,6 +105,7 @@ bool begin_run(history_capture_t *hc, hc_run_t *run)
     hc->searching = 1;
     const bool wrapped = first > hc->search_end || (first == hc->search_end && hc->search_records != 0);
     *run = {0, 0, first, first, first != 0 && wrapped};
+    gate_open(hc);
     rwlock_write_unlock(&hc->state_lock);
     return true;
 }

@@ -1,0 +1,221 @@
+#include "storage/pcap_writer.h"
+
+#include "support/capture_files.h"
+#include "support/file_limit.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <numeric>
+#include <sys/uio.h>
+#include <unistd.h>
+
+// The linker sends the writer's system calls through here, to count them and to let them be interrupted.
+namespace {
+int position_checks = 0;
+int vector_writes = 0;
+int interruptions = 0; // writing calls still to answer EINTR
+} // namespace
+
+extern "C" {
+off_t __real_lseek(int fd, off_t offset, int whence);
+off_t __wrap_lseek(int fd, off_t offset, int whence);
+ssize_t __real_writev(int fd, const iovec *pieces, int count);
+ssize_t __wrap_writev(int fd, const iovec *pieces, int count);
+ssize_t __real_write(int fd, const void *bytes, size_t size);
+ssize_t __wrap_write(int fd, const void *bytes, size_t size);
+}
+
+off_t __wrap_lseek(int fd, off_t offset, int whence)
+{
+    position_checks++;
+    return __real_lseek(fd, offset, whence);
+}
+
+ssize_t __wrap_writev(int fd, const iovec *pieces, int count)
+{
+    vector_writes++;
+    if (interruptions > 0) {
+        interruptions--;
+        errno = EINTR;
+        return -1;
+    }
+    return __real_writev(fd, pieces, count);
+}
+
+ssize_t __wrap_write(int fd, const void *bytes, size_t size)
+{
+    if (interruptions > 0) {
+        interruptions--;
+        errno = EINTR;
+        return -1;
+    }
+    return __real_write(fd, bytes, size);
+}
+
+namespace {
+
+constexpr uint64_t STAMP = 1'500'000'000'123'456'789;
+
+class PcapWriter : public testing::Test {
+protected:
+    void TearDown() override { close(fd); }
+
+    // What fails prints its one line, answers -1 and leaves an error number.
+    static void expect_failure(const std::function<int()> &call, const std::string &line, int error)
+    {
+        testing::internal::CaptureStderr();
+        errno = 0;
+        const int result = call();
+        const int left = errno;
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), line);
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(left, error);
+    }
+
+    temp_dir_t dir;
+    std::string path = dir.file("a.pcap");
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0640);
+    bytes_t packet = [] {
+        bytes_t bytes(70000);
+        std::iota(bytes.begin(), bytes.end(), uint8_t{0});
+        return bytes;
+    }();
+};
+
+TEST_F(PcapWriter, FilesAreExactToTheByteWithOneCheckAndOneWriteForEachRecord)
+{
+    interruptions = 2; // nothing was written: made again
+    ASSERT_EQ(write_pcap_header(fd), 0);
+    position_checks = vector_writes = 0;
+    ASSERT_EQ(write_pcap_packet(fd, packet.data(), 3, STAMP), 0);
+    ASSERT_EQ(write_pcap_divided_packet(fd, packet.data(), 2, packet.data() + 100, 1, 3, STAMP + 1), 0);
+    ASSERT_EQ(write_pcap_packet(fd, packet.data(), 0, (uint64_t{1} << 32) * 1'000'000'000), 0);
+    EXPECT_EQ(position_checks, 3);
+    EXPECT_EQ(vector_writes, 3);
+    const bytes_t expected = {
+        0x4d, 0x3c, 0xb2, 0xa1, 2,    0,    4,    0,    0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0,
+        0,    1,    0,    0,    0,                                                               // header
+        0x00, 0x2f, 0x68, 0x59, 0x15, 0xcd, 0x5b, 0x07, 3, 0, 0, 0, 3, 0, 0, 0, 0,    1,    2,   // whole
+        0x00, 0x2f, 0x68, 0x59, 0x16, 0xcd, 0x5b, 0x07, 3, 0, 0, 0, 3, 0, 0, 0, 0,    1,    100, // divided
+        0,    0,    0,    0,    0,    0,    0,    0,    0, 0, 0, 0, 0, 0, 0, 0, // seconds past 32 bits
+    };
+    EXPECT_EQ(file_bytes(path), expected);
+}
+
+TEST_F(PcapWriter, CutsLongPacketsAndAcceptsPiecesOfTheCutLength)
+{
+    ASSERT_EQ(write_pcap_header(fd), 0);
+    const std::array<uint32_t, 4> lengths = {65534, 65535, 65536, 70000};
+    for (const uint32_t length : lengths) {
+        ASSERT_EQ(write_pcap_packet(fd, packet.data(), length, STAMP), 0);
+        const uint32_t second = std::min(length, 65535U) - 40;
+        interruptions = 1;
+        ASSERT_EQ(write_pcap_divided_packet(fd, packet.data(), 40, packet.data() + 40, second, length, STAMP),
+                  0);
+    }
+    const pcap_file_t file = read_pcap(path);
+    ASSERT_EQ(file.records.size(), 2 * lengths.size());
+    EXPECT_EQ(file.torn, 0U);
+    for (size_t i = 0; i < file.records.size(); i++) {
+        const pcap_record_t &record = file.records[i];
+        EXPECT_EQ(record.timestamp, STAMP);
+        EXPECT_EQ(record.full_length, lengths[i / 2]);
+        ASSERT_EQ(record.data.size(), std::min(lengths[i / 2], 65535U));
+        EXPECT_TRUE(std::equal(record.data.begin(), record.data.end(), packet.begin()));
+    }
+}
+
+TEST_F(PcapWriter, RefusalsWriteNothing)
+{
+    const std::string no_header = "Tried to write packet to file without valid pcap global header, aborted\n";
+    const auto whole = [&] { return write_pcap_packet(fd, packet.data(), 10, STAMP); };
+    const auto divided = [&](uint32_t first, uint32_t second, uint32_t length) {
+        return write_pcap_divided_packet(fd, packet.data(), first, packet.data(), second, length, STAMP);
+    };
+    expect_failure(whole, no_header, EINVAL);
+    expect_failure([&] { return divided(5, 5, 10); }, no_header, EINVAL);
+    EXPECT_TRUE(file_bytes(path).empty());
+
+    ASSERT_EQ(write_pcap_header(fd), 0);
+    const bytes_t header = file_bytes(path);
+    expect_failure([&] { return write_pcap_header(fd); },
+                   "Tried to write pcap global header into the middle of the file, aborted\n", EINVAL);
+    for (const auto &sizes : {std::array{40U, 59U, 100U}, std::array{40U, 61U, 100U},
+                              std::array{40U, 65500U, 70000U}, std::array{~0U, 2U, 1U}}) {
+        expect_failure([&] { return divided(sizes[0], sizes[1], sizes[2]); },
+                       "Invalid data sizes of function write_pcap_divided_packet\n", EINVAL);
+    }
+    EXPECT_EQ(file_bytes(path), header);
+}
+
+TEST_F(PcapWriter, BrokenDescriptorsAreReported)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    expect_failure([&] { return write_pcap_header(ends[1]); },
+                   "Checking position in file failed:: Illegal seek\n", ESPIPE);
+    expect_failure([&] { return write_pcap_packet(ends[1], packet.data(), 1, STAMP); },
+                   "Tried to write packet to file without valid pcap global header, aborted\n", ESPIPE);
+    close(ends[0]);
+    close(ends[1]);
+    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    expect_failure([&] { return write_pcap_header(full); },
+                   "Writing pcap header failed:: No space left on device\n", ENOSPC);
+    close(full);
+}
+
+TEST_F(PcapWriter, FullDiskTearsOneRecordAndLosesNothingBeforeIt)
+{
+    const file_limit_t limit(24 + 3 * 116 + 50);
+    ASSERT_EQ(write_pcap_header(fd), 0);
+    const auto write_one = [&] { return write_pcap_packet(fd, packet.data(), 100, STAMP); };
+    for (int i = 0; i < 3; i++) {
+        ASSERT_EQ(write_one(), 0);
+    }
+    expect_failure(write_one, "Writing pcap failed:: No space left on device\n", ENOSPC); // short
+    expect_failure(write_one, "Writing pcap failed:: File too large\n", EFBIG);           // nothing at all
+    const pcap_file_t file = read_pcap(path);
+    EXPECT_EQ(file.records.size(), 3U);
+    EXPECT_EQ(file.torn, 50U);
+}
+
+std::string output_of(const std::string &command)
+{
+    FILE *pipe = popen(command.c_str(), "r"); // NOLINT: a fixed program of the system
+    std::string text;
+    for (int c = pipe != nullptr ? fgetc(pipe) : EOF; c != EOF; c = fgetc(pipe)) {
+        text += static_cast<char>(c);
+    }
+    return pipe != nullptr && pclose(pipe) == 0 ? text : "failed: " + text;
+}
+
+TEST_F(PcapWriter, OtherReadersSeeNanosecondsAndLengths)
+{
+    ASSERT_EQ(write_pcap_header(fd), 0);
+    ASSERT_EQ(write_pcap_packet(fd, packet.data(), 60, STAMP), 0);
+    ASSERT_EQ(write_pcap_packet(fd, packet.data(), 70000, STAMP + 1), 0);
+    bool any = false;
+    if (std::system("command -v tshark >/dev/null") == 0) { // NOLINT: as above
+        any = true;
+        EXPECT_EQ(output_of("tshark -r " + path +
+                            " -T fields -e frame.time_epoch -e frame.len -e frame.cap_len 2>/dev/null"),
+                  "1500000000.123456789\t60\t60\n1500000000.123456790\t70000\t65535\n");
+    }
+    if (std::system("command -v tcpdump >/dev/null") == 0) { // NOLINT: as above
+        any = true;
+        const std::string text =
+            output_of("tcpdump -r " + path + " -n -e -tt --time-stamp-precision=nano 2>/dev/null");
+        EXPECT_NE(text.find("1500000000.123456789 "), std::string::npos) << text;
+        EXPECT_NE(text.find("1500000000.123456790 "), std::string::npos) << text;
+        EXPECT_NE(text.find("length 70000"), std::string::npos) << text;
+    }
+    if (!any) {
+        GTEST_SKIP() << "neither tshark nor tcpdump is installed";
+    }
+}
+
+} // namespace
