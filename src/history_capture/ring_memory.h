@@ -1,5 +1,9 @@
 // The memory of a ring: zero-filled, untouched until packets reach it, in huge pages where the system has
 // them (filling small pages for the first time costs several times the copy itself).
+//
+// All rings of the process together never ask for more than the system has available at that moment: clients
+// choose the size, and memory that is granted but does not exist would get the host killed later.
+// Threads: any.
 #pragma once
 
 #include <cstdint>

@@ -207,6 +207,17 @@ TEST(HistoryLife, RefusesMemoryThatIsNotToBeHad)
     const ring_t ring(0);
     EXPECT_EQ(hc_enable(ring.hc, uint64_t{1} << 46), HC_NO_MEMORY);
     EXPECT_EQ(hc_enable(ring.hc, 1000), HC_OK);
+
+    // Two rings that fit one by one and not together: the kernel would grant both.
+    uint64_t size = uint64_t{1} << 40;
+    const ring_t first(0);
+    while (hc_enable(first.hc, size) != HC_OK) {
+        size = size / 4 * 3;
+    }
+    const ring_t second(0);
+    EXPECT_EQ(hc_enable(second.hc, size), HC_NO_MEMORY);
+    hc_disable(first.hc);
+    EXPECT_EQ(hc_enable(second.hc, size), HC_OK);
 }
 
 // Packets, rules, questions and switching on and off from several threads at once.
