@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 namespace {
@@ -33,22 +34,26 @@ std::string text_of(const std::string &path)
     return text.str();
 }
 
-// A probe that reads a capture from its standard input: it waits for packets until the test lets them come.
+// A probe that reads a capture from a pipe: it waits for packets until the test lets them come, and serves
+// its clients afterwards.
 class probe_t {
 public:
     explicit probe_t(uint32_t queues)
     {
+        const std::string pipe = files.path("pipe");
+        EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
         const std::string command =
             "echo $$ > " + files.path("pid") +
-            " && exec " KESTRUNE_BUILD_DIR "/kestrune-probe -r - --speed 0 -q " + std::to_string(queues) +
-            " -P 'port=0;buffer_size=64;export_path=" + files.path() + "' > " + files.path("out");
-        input = popen(command.c_str(), "we");
+            " && exec " KESTRUNE_BUILD_DIR "/kestrune-probe -r - --speed 0 --stay -q " +
+            std::to_string(queues) + " -P 'port=0;buffer_size=64;export_path=" + files.path() + "' < " + pipe;
+        output = popen(command.c_str(), "re");
+        input.open(pipe, std::ios::binary); // waits for the other end
     }
     ~probe_t()
     {
-        if (input != nullptr) {
+        if (output != nullptr) {
             kill(pid(), SIGKILL);
-            pclose(input);
+            pclose(output);
         }
     }
     probe_t(const probe_t &) = delete;
@@ -60,35 +65,39 @@ public:
         EXPECT_TRUE(wait_until([&] { return (found = listening_port(pid())) != 0; }, 30000));
         return found;
     }
+    // These bytes and no more.
     void feed(const std::string &bytes)
     {
-        EXPECT_EQ(fwrite(bytes.data(), 1, bytes.size(), input), bytes.size());
-        EXPECT_EQ(fflush(input), 0);
+        input << bytes;
+        input.close();
+        EXPECT_TRUE(input.good());
     }
-    // End its input and wait for its end: the exit status.
-    int finish()
+    // Stop it and wait for its end: the exit status.
+    int stop()
     {
-        const int status = pclose(input);
-        input = nullptr;
+        kill(pid(), SIGTERM);
+        for (int c = 0; (c = fgetc(output)) != EOF;) {
+            text += static_cast<char>(c);
+        }
+        const int status = pclose(output);
+        output = nullptr;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     // Of the line "counters: NAME=VALUE ..." at the end; -1 when it is not there.
     int64_t counter(const std::string &name) const
     {
-        const std::string text = text_of(files.path("out"));
-        const size_t at = text.find(" " + name + "=", text.rfind("counters:"));
+        const size_t line = text.rfind("counters:");
+        const size_t at = line == std::string::npos ? line : text.find(" " + name + "=", line);
         return at == std::string::npos ? -1 : std::stoll(text.substr(at + name.size() + 2));
     }
 
 private:
-    pid_t pid() const
-    {
-        const std::string text = text_of(files.path("pid"));
-        return text.empty() ? getpid() : static_cast<pid_t>(std::stol(text));
-    }
+    pid_t pid() const { return static_cast<pid_t>(std::stol(text_of(files.path("pid")))); }
 
     temp_dir_t files;
-    FILE *input;
+    std::ofstream input;
+    FILE *output;
+    std::string text;
 };
 
 class Replay : public testing::TestWithParam<std::tuple<capture_t, uint32_t>> {};
@@ -108,7 +117,7 @@ TEST_P(Replay, TheHistoryHoldsEveryIpPacketOfTheFile)
     EXPECT_EQ(history.packets, capture.ip);
     EXPECT_EQ(history.queue_count, queues);
     EXPECT_EQ(history.heavy_size, UINT32_MAX);
-    EXPECT_EQ(probe.finish(), 0);
+    EXPECT_EQ(probe.stop(), 0);
     EXPECT_EQ(probe.counter("read"), capture.packets);
     EXPECT_EQ(probe.counter("handed_on"), capture.ip);
     EXPECT_EQ(probe.counter("not_ip"), capture.packets - capture.ip);
