@@ -90,14 +90,16 @@ void lc_clean_table(fhf_table_t *table);
 
 // Offer one packet (`length` bytes at `data`, timestamp in nanoseconds since the epoch) on the packet path.
 // 1 when it was written to at least one file, else 0. An unwatched packet takes no lock, writes nothing that
-// others read, and makes no call, not even of the clock.
-[[nodiscard]] inline int lc_filter(live_capture_t *live, const ip_addr_t *src, const ip_addr_t *dst,
-                                   const uint8_t *data, uint32_t length, uint64_t timestamp)
+// others read, and makes no call, not even of the clock. Always inline: as a call it costs that packet a
+// quarter more.
+[[nodiscard, gnu::always_inline]] inline int lc_filter(live_capture_t *live, const ip_addr_t *src,
+                                                       const ip_addr_t *dst, const uint8_t *data,
+                                                       uint32_t length, uint64_t timestamp)
 {
     const fhf_table_t *table = live->ip_table;
-    const uint64_t matches = fhf_tag_matches(table, fhf_place_of_16(table, src->bytes)) |
-                             fhf_tag_matches(table, fhf_place_of_16(table, dst->bytes));
-    if (matches == 0) [[likely]] {
+    const fhf_place_t source = fhf_place_of_16(table, src->bytes);
+    const fhf_place_t destination = fhf_place_of_16(table, dst->bytes);
+    if ((fhf_tag_matches(table, source) | fhf_tag_matches(table, destination)) == 0) [[likely]] {
         return 0;
     }
     return lc_filter_watched(live, src, dst, data, length, timestamp);

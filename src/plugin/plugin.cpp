@@ -124,12 +124,13 @@ plugin_private_t *start(const char *params, int32_t queue_count)
 
 // Offer a packet to the live capture and, where that did not take it and its flow is light, to the history.
 // Inline, so that it is compiled once for each kind of address: the hash of an IPv4 key is half known then.
-inline void offer(plugin_instance_t *instance, const host_flow_t *flow, const host_packet_t *packet,
-                  const ip_addr_t &src, const ip_addr_t &dst)
+[[gnu::always_inline]] inline void offer(plugin_instance_t *instance, const host_flow_t *flow,
+                                         const host_packet_t *packet, const ip_addr_t &src,
+                                         const ip_addr_t &dst)
 {
     const uint64_t timestamp = packet->header->timestamp;
     if (lc_filter(instance->live, &src, &dst, packet->data, packet->length, timestamp) == 0 &&
-        flow->packets < heavy_size()) {
+        flow->packets < heavy_size() && hc_is_enabled(instance->history)) {
         hc_enqueue(instance->history, &src, &dst, packet->data, packet->length, timestamp);
     }
 }
