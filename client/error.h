@@ -19,13 +19,17 @@ enum class failure_t {
 
 class client_error_t : public std::runtime_error {
 public:
-    client_error_t(failure_t failure, const std::string &text) : std::runtime_error(text), failure_(failure)
+    client_error_t(failure_t failure, const std::string &text, int action = -1)
+        : std::runtime_error(text), failure_(failure), action_(action)
     {
     }
     failure_t failure() const { return failure_; }
+    // The msg_action that the probe answered with FAIL or did not recognise; -1 for other failures.
+    int action() const { return action_; }
 
 private:
     failure_t failure_;
+    int action_;
 };
 
 } // namespace kestrune

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <utility>
 
 namespace kestrune {
 
@@ -92,6 +93,14 @@ std::optional<message_t> decode_history(msg_reader_t *in)
     return msg_decode_hb_info(in, &info) ? std::optional<message_t>(info) : std::nullopt;
 }
 
+// Built in its place: moving the nested variants sets off g++ 12's warnings of uninitialised members.
+template <typename T>
+std::optional<message_t> update(T value)
+{
+    return std::optional<message_t>(std::in_place, std::in_place_type<update_t>, std::in_place_type<T>,
+                                    std::move(value));
+}
+
 std::vector<std::string> split_at_commas(std::string_view list)
 {
     std::vector<std::string> parts;
@@ -120,7 +129,7 @@ std::optional<message_t> decode_visual(msg_reader_t *in)
     visual.history_packets = fixed.history_packets;
     visual.live_packets = fixed.live_packets;
     visual.history_files = split_at_commas(history);
-    return update_t(visual);
+    return update(std::move(visual));
 }
 
 std::optional<message_t> decode_capture(msg_reader_t *in)
@@ -130,7 +139,7 @@ std::optional<message_t> decode_capture(msg_reader_t *in)
         return std::nullopt;
     }
     check_percent(capture.progress);
-    return update_t(capture);
+    return update(capture);
 }
 
 std::optional<message_t> decode_update(msg_reader_t *in)
@@ -141,8 +150,7 @@ std::optional<message_t> decode_update(msg_reader_t *in)
     switch (const uint8_t type = in->bytes[in->used]; type) {
     case msg_update::INCIDENT: {
         msg_update_incident_t incident;
-        return msg_decode_update_incident(in, &incident) ? std::optional<message_t>(update_t(incident))
-                                                         : std::nullopt;
+        return msg_decode_update_incident(in, &incident) ? update(incident) : std::nullopt;
     }
     case msg_update::CAPTURE:
         return decode_capture(in);

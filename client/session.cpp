@@ -128,11 +128,11 @@ message_t session_t::request(uint8_t action, uint8_t target, std::span<const uin
     const status_t *status = std::get_if<status_t>(&reply);
     if (status != nullptr && status->code == msg_code::UNRECOGNIZED) {
         over_ = !payload.empty(); // which the probe takes for requests
-        throw client_error_t(failure_t::UNRECOGNIZED, "the probe does not know this request");
+        throw client_error_t(failure_t::UNRECOGNIZED, "the probe does not know this request", action);
     }
     over_ = false;
     if (status != nullptr && status->code == msg_code::FAIL) {
-        throw client_error_t(failure_t::REFUSED, "the probe answered FAIL");
+        throw client_error_t(failure_t::REFUSED, "the probe answered FAIL", action);
     }
     return reply;
 }

@@ -210,7 +210,7 @@ void socket_t::send(std::span<const uint8_t> bytes, deadline_t deadline, int int
                 fail(failure_t::TIMEOUT, "the probe took no request in time");
             }
         } else if (errno != EINTR) {
-            fail(failure_t::CLOSED, "the connection is broken: " + errno_text(errno));
+            fail(failure_t::CLOSED, "the connection broke: " + errno_text(errno));
         }
     }
 }
@@ -226,7 +226,7 @@ size_t socket_t::receive(std::span<uint8_t> room, deadline_t deadline, int inter
             fail(failure_t::CLOSED, "the probe closed the connection");
         }
         if (errno != EAGAIN && errno != EINTR) {
-            fail(failure_t::CLOSED, "the connection is broken: " + errno_text(errno));
+            fail(failure_t::CLOSED, "the connection broke: " + errno_text(errno));
         }
     }
     return 0;

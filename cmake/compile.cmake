@@ -30,3 +30,8 @@ set(KESTRUNE_PLUGIN_OPTIONS -fvisibility=hidden -fvisibility-inlines-hidden -fno
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   list(APPEND KESTRUNE_PLUGIN_OPTIONS -fno-gnu-unique)
 endif()
+
+# Coverage for libFuzzer in everything that a fuzz target calls.
+if(KESTRUNE_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

@@ -1,5 +1,9 @@
 #include "client/ctl/answer.h"
 
+#include "protocol/message.h"
+
+#include <algorithm>
+
 namespace kestrune {
 
 namespace {
@@ -19,11 +23,11 @@ int status_of(failure_t failure)
     }
 }
 
-std::string refusal(const options_t &options)
+std::string refusal(int action, const options_t &options)
 {
     const std::string addr = ip_addr_text(options.addr).text;
-    switch (options.command) {
-    case command_t::ADD:
+    switch (action) {
+    case msg_action::ADD:
         return "the plugin refused to add " + addr +
                ", without saying why. Possible causes: it has a rule of another name (see 'list'; give that "
                "rule's name with -n, or 'remove' it first); its live capture is over while its history is "
@@ -31,22 +35,22 @@ std::string refusal(const options_t &options)
                "searched (wait until 'list' no longer shows it); the probe lacks memory, or a file name for "
                "the "
                "rule (see the probe's log)";
-    case command_t::REMOVE:
+    case msg_action::REMOVE:
         return "there is no rule for " + addr +
                (options.direction == BOTH ? std::string() : " that holds this direction") +
                ": 'list' shows the rules and their directions";
-    case command_t::SHOW:
+    case msg_action::DETAIL:
         return "no live capture of " + addr +
                " is running: 'list' shows whether its rule is still searching the history, 'add' starts one";
-    case command_t::HISTORY_ON:
-        return "the plugin did not turn the history buffers on: they are on already, all or some of them "
-               "(see "
-               "'history status', and turn them 'off' first), or the probe lacks memory for this size";
-    case command_t::HISTORY_OFF:
-        return "the history buffers are off already, all or some of them; 'history status' shows what is "
-               "left";
-    case command_t::WATCH:
-        return "the plugin takes no more clients for updates (128 at most): stop another one";
+    case msg_action::HISTORY:
+        return options.command == command_t::HISTORY_OFF ? "the history buffers are off already, all or some "
+                                                           "of them; 'history status' shows what is left"
+                                                         : "the plugin did not turn the history buffers on: "
+                                                           "they are on already, all or some of them "
+                                                           "(see 'history status', and turn them 'off' "
+                                                           "first), or the probe lacks memory for this size";
+    case msg_action::INFO:
+        return "the plugin takes no more clients for updates (128 at most): stop another 'watch' or '--wait'";
     default:
         return "the plugin refused; the probe's log says why";
     }
@@ -54,7 +58,7 @@ std::string refusal(const options_t &options)
 
 std::string advice(const client_error_t &error, const options_t &options, const std::string &probe)
 {
-    const std::string what = error.what();
+    std::string what = error.what();
     switch (error.failure()) {
     case failure_t::CONNECT:
         return "cannot connect to " + probe + ": " + what +
@@ -69,24 +73,12 @@ std::string advice(const client_error_t &error, const options_t &options, const 
     case failure_t::MALFORMED:
         return what + ". Does another service or another version listen there?";
     case failure_t::REFUSED:
-        return refusal(options);
+        return refusal(error.action(), options);
     case failure_t::UNRECOGNIZED:
         return what + ": its plugin is of another version than this program";
     default:
         return what;
     }
-}
-
-std::string quoted_fields(const json_t &fields)
-{
-    std::string text;
-    for (const auto &[key, value] : fields.items()) {
-        if (key != "probe" && key != "command" && key != "ok") {
-            const std::string shown = value.is_string() ? printable(value.get<std::string>()) : value.dump();
-            text += (text.empty() ? "" : "\n") + key + ": " + shown;
-        }
-    }
-    return text;
 }
 
 std::string rules_text(const json_t &rules)
@@ -173,8 +165,8 @@ std::string good_text(const json_t &fields, command_t command)
         return "heavy threshold " + std::to_string(fields["heavy_size"].get<uint32_t>()) + " packets";
     case command_t::MERGE:
         return merge_text(fields);
-    default:
-        return quoted_fields(fields);
+    default: // a watch has no answer of its own
+        return "";
     }
 }
 

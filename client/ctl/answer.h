@@ -12,6 +12,7 @@ namespace kestrune {
 
 using json_t = nlohmann::ordered_json;
 
+// NOLINTNEXTLINE(bugprone-exception-escape): the library declares its moves noexcept, and they throw nothing.
 struct answer_t {
     json_t fields; // "probe" (not for merge), "command", "ok", and then of the command; of an error "status",
                    // "error"

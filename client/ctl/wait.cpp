@@ -36,8 +36,11 @@ public:
     answer_t run()
     {
         const auto started = steady_t::now();
-        add();
+        session_.updates_on();
+        session_.add(
+            {options_.addr, options_.direction, options_.packets, options_.time_limit_s, options_.name});
         try {
+            learn_rule();
             const deadline_t end = options_.wait_time ? started + *options_.wait_time : deadline_t::max();
             while (!report_ && !over(end)) {
                 step(end);
@@ -46,24 +49,37 @@ public:
             if (error.failure() == failure_t::INTERRUPTED) {
                 give_up();
             }
-            throw client_error_t(error.failure(), std::string(error.what()) + "; " + still_there());
+            throw client_error_t(error.failure(),
+                                 std::string(error.what()) +
+                                     "; the rule may go on: see 'list', and 'remove' ends it");
         }
         return report_ ? finished() : timed_out();
     }
 
 private:
-    void add()
+    // The INCIDENT of a new rule came before the reply to ADD and is among the updates kept since.
+    void learn_rule()
     {
-        session_.updates_on();
-        session_.add(
-            {options_.addr, options_.direction, options_.packets, options_.time_limit_s, options_.name});
         const deadline_t now = steady_t::now();
         while (std::optional<update_t> update = session_.next_update(now)) {
             take(*update);
         }
         if (!id_) {
             event("is recorded already under this name; its limits were renewed and count from now");
+            name_ = options_.name;
+            learn_name();
+        }
+    }
+
+    // An ADD with the beginning of a rule's name renews it as well.
+    void learn_name()
+    {
+        try {
             name_ = session_.detail(options_.addr).name;
+        } catch (const client_error_t &error) {
+            if (error.failure() != failure_t::REFUSED) {
+                throw;
+            }
         }
     }
 
@@ -179,8 +195,6 @@ private:
         }
         throw client_error_t(failure_t::INTERRUPTED, text);
     }
-
-    static std::string still_there() { return "the rule may go on: see 'list', and 'remove' ends it"; }
 
     answer_t good() const
     {

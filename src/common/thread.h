@@ -30,8 +30,24 @@ void thread_begin(const char *name);
 // Request cancellation and wait for the thread to end, when the request was accepted. Blocks.
 void thread_stop(pthread_t thread);
 
+// A cancelled thread leaves the frames between its blocking call and its clean-up handler by a jump that the
+// address sanitizer does not see; their marks must be off the stack by then.
+#if defined(__SANITIZE_ADDRESS__)
+#define KS_ADDRESS_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KS_ADDRESS_SANITIZER 1
+#endif
+#endif
+#if defined(KS_ADDRESS_SANITIZER)
+extern "C" void __asan_handle_no_return();
+#endif
+
 inline void thread_cancel_enable()
 {
+#if defined(KS_ADDRESS_SANITIZER)
+    __asan_handle_no_return();
+#endif
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
 }
 
@@ -40,8 +56,8 @@ inline void thread_cancel_disable()
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
 }
 
-// For work that must not be cut short on a thread of the host, whose cancellation state is the host's: disable
-// cancellation and return the state to restore.
+// For work that must not be cut short on a thread of the host, whose cancellation state is the host's:
+// disable cancellation and return the state to restore.
 [[nodiscard]] inline int thread_cancel_suspend()
 {
     int before;

@@ -3,6 +3,7 @@
 #include "common/log.h"
 #include "plugin/paths.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -35,7 +36,7 @@ bool parse_parameters(const char *params, char **port, char **script)
 }
 
 // One history capture and one instance per queue; the configured memory is divided evenly. False after
-// logging.
+// logging that one could not be created.
 bool create_queues(plugin_private_t *plugin, int32_t queue_count)
 {
     const auto total = static_cast<uint64_t>(static_cast<int64_t>(default_buffer_size) << 20);
@@ -67,7 +68,7 @@ bool create_parts(plugin_private_t *plugin, const char *port, int32_t queue_coun
         KS_ERROR("kestrune: Failed to allocate prive structures for instances");
         return false;
     }
-    plugin->history = static_cast<history_capture_t **>(std::calloc(count, sizeof(history_capture_t *)));
+    plugin->history = static_cast<history_capture_t **>(std::calloc(count, sizeof *plugin->history));
     if (plugin->history == nullptr) {
         KS_ERROR("kestrune: Failed to allocate memory for kestrune structures");
         return false;

@@ -2,6 +2,7 @@
 
 #include "common/thread.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <poll.h>
@@ -34,6 +35,9 @@ bool send_some(msg_channel_t *channel, const uint8_t *bytes, uint32_t size, uint
     return went >= 0 || errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
 }
 
+// POLLOUT comes only once a good part of the send buffer is free; less may do for the rest of a reply.
+constexpr int64_t RETRY_MS = 100;
+
 // Wait until there may be room, at most until the deadline. False with errno ETIMEDOUT at the deadline.
 bool wait_for_room(int fd, int64_t deadline_ms)
 {
@@ -44,7 +48,7 @@ bool wait_for_room(int fd, int64_t deadline_ms)
     }
     pollfd room = {fd, POLLOUT, 0};
     thread_cancel_enable();
-    poll(&room, 1, static_cast<int>(left));
+    poll(&room, 1, static_cast<int>(std::min(left, RETRY_MS)));
     thread_cancel_disable();
     return true;
 }
@@ -62,17 +66,13 @@ void msg_channel_open(msg_channel_t *channel, int32_t fd) KS_NO_ANALYSIS // not 
 int msg_channel_reply(msg_channel_t *channel, const uint8_t *bytes, uint32_t size)
 {
     uint32_t sent = 0;
-    int64_t deadline_ms = now_ms() + MSG_REPLY_TIMEOUT_MS;
+    const int64_t deadline_ms = now_ms() + MSG_REPLY_TIMEOUT_MS;
     while (true) {
-        const uint32_t before = sent;
         if (!send_some(channel, bytes, size, &sent)) {
             return -1;
         }
         if (sent == size) {
             return 0;
-        }
-        if (sent > before) {
-            deadline_ms = now_ms() + MSG_REPLY_TIMEOUT_MS;
         }
         if (!wait_for_room(channel->fd, deadline_ms)) {
             return -1;

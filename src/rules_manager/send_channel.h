@@ -18,7 +18,7 @@
 #include <cstdint>
 #include <sys/uio.h>
 
-constexpr int MSG_REPLY_TIMEOUT_MS = 5000; // a reply waits this long for a client that takes nothing
+constexpr int MSG_REPLY_TIMEOUT_MS = 5000; // a reply waits no longer than this for its client to read
 
 struct msg_channel_t {
     int32_t fd; // borrowed; a connected stream socket
@@ -30,7 +30,7 @@ struct msg_channel_t {
 // Set up for a new connection. Nobody else may use the channel yet.
 void msg_channel_open(msg_channel_t *channel, int32_t fd);
 
-// Send a whole reply: 0, or -1 with errno (ETIMEDOUT when the client took nothing for MSG_REPLY_TIMEOUT_MS);
+// Send a whole reply: 0, or -1 with errno (ETIMEDOUT after MSG_REPLY_TIMEOUT_MS);
 // after a failure the connection is of no more use. Blocks; can be cancelled while it waits for room, with no
 // lock held. Leaves cancellation disabled.
 [[nodiscard]] int msg_channel_reply(msg_channel_t *channel, const uint8_t *bytes, uint32_t size)

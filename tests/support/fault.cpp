@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <pthread.h>
 #include <semaphore.h>
 #include <sys/mman.h>
@@ -13,12 +14,12 @@ namespace {
 std::atomic<int> countdown{0};
 std::atomic<int> counted{0};
 std::atomic<const char *> failed_name{nullptr};
-std::string always; // set while no other thread runs
+std::atomic<const char *> always{""};
 
 bool fails(const char *name, int error)
 {
     counted.fetch_add(1);
-    bool fail = !always.empty() && always == name;
+    bool fail = std::strcmp(always.load(), name) == 0;
     if (countdown.load() > 0 && countdown.fetch_sub(1) == 1) {
         fail = true;
         failed_name.store(name);
@@ -40,9 +41,9 @@ void fail_call(int n)
     countdown.store(n);
 }
 
-void fail_function(const std::string &name)
+void fail_function(const char *name)
 {
-    always = name;
+    always.store(name);
 }
 
 int calls()

@@ -10,8 +10,8 @@ namespace fault {
 // Let the n-th call (from 1) of any wrapped function fail from now on; 0 lets all succeed. The count
 // restarts.
 void fail_call(int n);
-// Let every call of this function fail ("mmap"); "" for none.
-void fail_function(const std::string &name);
+// Let every call of this function fail ("mmap", a literal); "" for none.
+void fail_function(const char *name);
 // Calls of wrapped functions since fail_call.
 int calls();
 // Name of the function that fail_call made fail, or "".

@@ -274,7 +274,9 @@ TEST(Session, AnAnswerCutAtAnyByteIsAnError)
                                                 {visual(1, "a,b", "c") + header(msg_code::SUCCESS), REMOVE}};
     for (const auto &[whole, call] : cases) {
         std::atomic<std::ptrdiff_t> size = 0;
-        const server_t server([&](int fd) { answer({whole.begin(), whole.begin() + size}, true)(fd); });
+        const server_t server([&size, &whole = whole](int fd) {
+            answer({whole.begin(), whole.begin() + size}, true)(fd);
+        });
         for (; size < std::ssize(whole); size++) {
             session_t session(server.endpoint(), quick());
             EXPECT_EQ(failure_of(session, call), failure_t::CLOSED) << size;

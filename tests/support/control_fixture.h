@@ -1,0 +1,367 @@
+// What tests of the control plane share: messages as bytes, connections, and the captures, registry and
+// listener that they speak with.
+#pragma once
+
+#include "common/ip_addr.h"
+#include "common/settings.h"
+#include "history_capture/history_capture.h"
+#include "listener/listener.h"
+#include "live_capture/live_capture.h"
+#include "rules_manager/rules_manager.h"
+#include "support/pcap_read.h"
+#include "support/test_host.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+// "00 09" as two bytes; anything but hexadecimal digits separates.
+inline std::string hex(const std::string &digits)
+{
+    std::string bytes;
+    for (size_t i = 0; i + 1 < digits.size();) {
+        if (std::isxdigit(static_cast<unsigned char>(digits[i])) != 0) {
+            bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+            i += 2;
+        } else {
+            i++;
+        }
+    }
+    return bytes;
+}
+
+inline std::string little_endian(uint64_t value, int size)
+{
+    std::string bytes;
+    for (int i = 0; i < size; i++) {
+        bytes += static_cast<char>(value >> (8 * i));
+    }
+    return bytes;
+}
+
+// 10.x.y.z of a number.
+inline ip_addr_t numbered_address(uint32_t number)
+{
+    const uint8_t bytes[4] = {static_cast<uint8_t>(number), static_cast<uint8_t>(number >> 8),
+                              static_cast<uint8_t>(number >> 16), 10};
+    return ip_addr_from_ipv4(bytes);
+}
+
+inline std::string address_bytes(uint32_t number)
+{
+    const ip_addr_t addr = numbered_address(number);
+    return {reinterpret_cast<const char *>(addr.bytes), sizeof addr.bytes};
+}
+
+inline std::string request(uint8_t action, uint8_t target, const std::string &payload = "")
+{
+    return little_endian(0x0900, 2) + static_cast<char>(action) + static_cast<char>(target) + payload;
+}
+
+inline std::string add_request(uint8_t direction, uint32_t number, uint32_t packets, uint32_t seconds,
+                               const std::string &name)
+{
+    return request(0, direction,
+                   address_bytes(number) + little_endian(packets, 4) + little_endian(seconds, 4) +
+                       little_endian(name.size(), 1) + name);
+}
+
+inline const std::string SUCCESS = hex("00 09 00 00");
+inline const std::string FAIL = hex("00 09 01 00");
+inline const std::string UNRECOGNIZED = hex("00 09 02 00");
+
+inline std::string incident(uint32_t id, uint32_t number)
+{
+    return hex("00 09 06 00 02") + little_endian(id, 4) + address_bytes(number);
+}
+
+inline std::string capture(uint32_t id, uint8_t percent)
+{
+    return hex("00 09 06 00 03") + little_endian(id, 4) + static_cast<char>(percent);
+}
+
+inline std::string visual(uint32_t id, uint32_t hist_packets, uint32_t live_packets, const std::string &list,
+                          const std::string &name)
+{
+    return hex("00 09 06 00 04") + little_endian(id, 4) + little_endian(hist_packets, 4) +
+           little_endian(live_packets, 4) + little_endian(list.size(), 2) + little_endian(name.size(), 2) +
+           list + name;
+}
+
+// One end of a stream, closed at the end.
+class stream_t {
+public:
+    explicit stream_t(int socket = -1) : fd(socket) {}
+    ~stream_t() { end(); }
+    stream_t(stream_t &&other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    stream_t &operator=(stream_t &&other) noexcept
+    {
+        std::swap(fd, other.fd);
+        return *this;
+    }
+    void end()
+    {
+        if (fd != -1) {
+            close(std::exchange(fd, -1));
+        }
+    }
+    void send_bytes(const std::string &bytes) const
+    {
+        ASSERT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    }
+    // Up to `size` bytes, as many as come within the time or before the stream ends.
+    std::string receive(size_t size, int milliseconds = 10000) const
+    {
+        std::string bytes;
+        pollfd waiting = {fd, POLLIN, 0};
+        while (bytes.size() < size && poll(&waiting, 1, milliseconds) == 1) {
+            std::string part(size - bytes.size(), '\0');
+            const ssize_t got = recv(fd, part.data(), part.size(), 0);
+            if (got <= 0) {
+                break;
+            }
+            bytes.append(part, 0, static_cast<size_t>(got));
+        }
+        return bytes;
+    }
+    // Everything until the other side ends the stream.
+    std::string receive_all() const { return receive(1 << 24); }
+    // Nothing more has come.
+    bool is_quiet() const
+    {
+        char byte;
+        return recv(fd, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == -1 && errno == EAGAIN;
+    }
+    std::string ask(const std::string &bytes, size_t reply_size) const
+    {
+        send_bytes(bytes);
+        return receive(reply_size);
+    }
+
+    int fd;
+};
+
+// Both ends of a TCP connection inside the test, with the sending side's channel.
+struct connection_t {
+    connection_t()
+    {
+        sockaddr_in address = {};
+        socklen_t size = sizeof address;
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        auto *any = reinterpret_cast<sockaddr *>(&address);
+        const stream_t port(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        client = stream_t(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(bind(port.fd, any, size) | listen(port.fd, 1), 0);
+        getsockname(port.fd, any, &size);
+        EXPECT_EQ(connect(client.fd, any, size), 0);
+        server = stream_t(accept4(port.fd, nullptr, nullptr, SOCK_CLOEXEC));
+        msg_channel_open(&channel, server.fd);
+    }
+    // Leave no room in the way to the client. Room comes back as long as bytes move on to the receiver, so it is
+    // gone when nothing was taken for a while.
+    void fill() const
+    {
+        const std::string bytes(4096, 'x');
+        for (int refused = 0; refused < 5; refused++) {
+            while (send(server.fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+                refused = 0;
+            }
+            poll(nullptr, 0, 20);
+        }
+    }
+
+    stream_t server;
+    stream_t client;
+    msg_channel_t channel;
+};
+
+// The captures of some queues, and the export directory of their files.
+class captures_t {
+public:
+    explicit captures_t(int queues = 0, uint64_t ring_size = 0) : live(lc_init())
+    {
+        test_host::reset();
+        for (int i = 0; i < queues; i++) {
+            history.push_back(hc_init(ring_size));
+            history.back()->search_pause_ms = 0;
+        }
+        directory = files.path();
+        ks_exp_file_path = directory.data();
+        ks_exp_file_path_len = static_cast<int32_t>(directory.size());
+    }
+    ~captures_t()
+    {
+        lc_destroy(live);
+        for (history_capture_t *hc : history) {
+            hc_destroy(hc);
+        }
+        ks_exp_file_path = nullptr;
+        ks_exp_file_path_len = 0;
+        ks_capture_script = nullptr;
+    }
+    captures_t(const captures_t &) = delete;
+    captures_t &operator=(const captures_t &) = delete;
+
+    // A packet from one address to another, offered to the live capture or stored in a queue's ring.
+    void live_packet(uint32_t src, uint32_t dst) const
+    {
+        const ip_addr_t from = numbered_address(src);
+        const ip_addr_t to = numbered_address(dst);
+        (void)lc_filter(live, &from, &to, reinterpret_cast<const uint8_t *>("data"), 4, 1);
+    }
+    void ring_packet(size_t queue, uint32_t src, uint32_t dst) const
+    {
+        const ip_addr_t from = numbered_address(src);
+        const ip_addr_t to = numbered_address(dst);
+        (void)hc_enqueue(history[queue], &from, &to, reinterpret_cast<const uint8_t *>("data"), 4, 1);
+    }
+    bool exists(const std::string &name) const { return std::filesystem::exists(directory + name); }
+    void create(const std::string &name) const
+    {
+        close(open((directory + name).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    }
+    // Make this the capture script, by its text.
+    void set_script(const std::string &text)
+    {
+        script = scripts.path("script");
+        const int fd = open(script.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0700);
+        ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        close(fd);
+        ks_capture_script = script.data();
+    }
+
+    live_capture_t *live;
+    std::vector<history_capture_t *> history;
+    std::string directory; // ends in '/'
+    temp_dir_t scripts;
+
+private:
+    temp_dir_t files;
+    std::string script;
+};
+
+// A registry whose passes the test makes itself.
+class registry_t : public captures_t {
+public:
+    explicit registry_t(int queues = 0, uint64_t ring_size = 0) : captures_t(queues, ring_size)
+    {
+        rm_pass_pause_ms = 1000000;
+        EXPECT_EQ(rm_init(&rm, live, history.data(), queues), RM_OK);
+    }
+    ~registry_t()
+    {
+        destroy();
+        rm_pass_pause_ms = RM_PASS_PAUSE_MS;
+    }
+    registry_t(const registry_t &) = delete;
+    registry_t &operator=(const registry_t &) = delete;
+    void destroy()
+    {
+        if (!std::exchange(destroyed, true)) {
+            rm_destroy(&rm);
+        }
+    }
+
+    int32_t add(uint32_t number, uint8_t direction, uint32_t packets, uint32_t seconds,
+                const std::string &name)
+    {
+        const ip_addr_t addr = numbered_address(number);
+        return rm_add_rule(&rm, &addr, direction, packets, seconds, name.data(),
+                           static_cast<uint32_t>(name.size()));
+    }
+    int32_t drop(uint32_t number, uint8_t direction)
+    {
+        const ip_addr_t addr = numbered_address(number);
+        return rm_drop_rule(&rm, &addr, direction);
+    }
+    int32_t detail(uint32_t number, rm_detail_t *reply)
+    {
+        const ip_addr_t addr = numbered_address(number);
+        return rm_address_detail(&rm, reply, &addr);
+    }
+    // Last byte of each listed address and its direction, newest first.
+    std::vector<std::pair<int, int>> list(uint8_t filter)
+    {
+        msg_ip_list_item_t *items = nullptr;
+        const int32_t count = rm_address_list(&rm, filter, &items);
+        std::vector<std::pair<int, int>> found;
+        for (int32_t i = 0; i < count; i++) {
+            found.emplace_back(items[i].addr.bytes[4], items[i].direction);
+        }
+        std::free(items);
+        return found;
+    }
+    int32_t register_client(connection_t &connection)
+    {
+        return rm_register_client(&rm, connection.server.fd, &connection.channel);
+    }
+    void pass() { rm_check_and_update(&rm); }
+    // Makes passes until no rule is left.
+    bool finishes()
+    {
+        return wait_until([&] {
+            pass();
+            return list(msg_target::ALL).empty();
+        });
+    }
+
+    rules_manager_t rm;
+
+private:
+    bool destroyed = false;
+};
+
+// A listener on a free port, its monitor's pauses as long as the test wants them.
+class server_t : public captures_t {
+public:
+    explicit server_t(int queues = 0, uint32_t pass_pause_ms = 1000000) : captures_t(queues)
+    {
+        rm_pass_pause_ms = pass_pause_ms;
+        listener = ls_init(live, "0", queues, history.data());
+        EXPECT_NE(listener, nullptr);
+        EXPECT_TRUE(wait_until([&] {
+            int listening = 0;
+            socklen_t size = sizeof listening;
+            getsockopt(listener->sock, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size);
+            return listening != 0;
+        }));
+    }
+    ~server_t()
+    {
+        stop();
+        rm_pass_pause_ms = RM_PASS_PAUSE_MS;
+    }
+    server_t(const server_t &) = delete;
+    server_t &operator=(const server_t &) = delete;
+    void stop()
+    {
+        ls_destroy(listener);
+        listener = nullptr;
+    }
+    stream_t connect_client() const
+    {
+        sockaddr_storage address = {};
+        socklen_t size = sizeof address;
+        getsockname(listener->sock, reinterpret_cast<sockaddr *>(&address), &size);
+        if (address.ss_family == AF_INET) {
+            reinterpret_cast<sockaddr_in *>(&address)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        }
+        stream_t stream(socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (connect(stream.fd, reinterpret_cast<sockaddr *>(&address), size) != 0) {
+            stream.end();
+        }
+        return stream;
+    }
+
+    listener_t *listener;
+};

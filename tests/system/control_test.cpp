@@ -1,0 +1,219 @@
+// The control plane under load: clients that do not read, many connections, and stopping in the middle of it
+// all.
+#include "support/control_fixture.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <random>
+#include <thread>
+
+namespace {
+
+using clock_t_ = std::chrono::steady_clock;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool SANITIZED = true;
+#else
+constexpr bool SANITIZED = false;
+#endif
+
+int64_t ms_since(clock_t_::time_point begin)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(clock_t_::now() - begin).count();
+}
+
+// Kilobytes of address space: every thread that nobody joined keeps its stack.
+long address_space_kb()
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;) {
+        if (word == "VmSize:") {
+            long size = 0;
+            status >> size;
+            return size;
+        }
+    }
+    return 0;
+}
+
+// How long an ADD of the next address takes to be answered, in milliseconds.
+int64_t add_next(const stream_t &client, uint32_t *number)
+{
+    const auto begin = clock_t_::now();
+    // Every other rule has a live capture, as long as the table takes it.
+    EXPECT_EQ(client.ask(add_request(0, *number, *number % 2, 3600, "rule"), 4), SUCCESS);
+    ++*number;
+    return ms_since(begin);
+}
+
+TEST(Load, ClientsThatNeverReadDoNotHoldUpTheOthers)
+{
+    constexpr uint32_t rules = SANITIZED ? 1000 : 10000;
+    constexpr int64_t allowed_ms = SANITIZED ? 1000 : 100;
+    server_t server;
+    test_host::reset(-2); // a host that listens to nothing: the messages are not the subject
+    std::vector<stream_t> stalled;
+    for (int i = 0; i < 127; i++) {
+        stalled.push_back(server.connect_client());
+        ASSERT_EQ(stalled.back().ask(request(5, 4), 4), SUCCESS);
+    }
+    const stream_t client = server.connect_client();
+    uint32_t number = 0;
+    int64_t longest_alone = 0;
+    while (number < rules) {
+        longest_alone = std::max(longest_alone, add_next(client, &number));
+    }
+    // The monitor's passes, all of these rules announced and most of them finished in the first.
+    int64_t longest_beside = 0;
+    std::atomic<int> passes{0};
+    std::thread monitor([&] {
+        while (passes < 3) {
+            rm_check_and_update(&server.listener->rm);
+            passes++;
+        }
+    });
+    while (passes < 3) {
+        longest_beside = std::max(longest_beside, add_next(client, &number));
+    }
+    monitor.join();
+    std::printf("ADD beside 127 stalled clients: at most %ld ms over %u rules, %ld ms during their updates\n",
+                static_cast<long>(longest_alone), rules, static_cast<long>(longest_beside));
+    EXPECT_LE(longest_alone, allowed_ms);
+    EXPECT_LE(longest_beside, allowed_ms);
+    EXPECT_GT(number, rules);
+}
+
+TEST(Load, AStalledClientIsLeftAfterFiveSeconds)
+{
+    server_t server;
+    const stream_t stalled = server.connect_client();
+    const stream_t client = server.connect_client();
+    for (uint32_t i = 0; i < 2000; i++) {
+        ASSERT_EQ(client.ask(add_request(0, i, 0, 0, "rule"), 4), SUCCESS);
+    }
+    EXPECT_EQ(stalled.ask(request(5, 4), 4), SUCCESS);
+    std::string requests;
+    for (int i = 0; i < 1000; i++) {
+        requests += request(2, 3); // 34 kB each
+    }
+    stalled.send_bytes(requests);
+    const auto begin = clock_t_::now();
+    while (!test_host::logged("send failed: Connection timed out") && ms_since(begin) < 20000) {
+        const auto asked = clock_t_::now();
+        ASSERT_EQ(client.ask(add_request(1, 5000, 0, 0, "other"), 4).size(), 4U);
+        EXPECT_LE(ms_since(asked), 500);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10)); // spares the processor, decides nothing
+    }
+    EXPECT_GE(ms_since(begin), 4900);
+    EXPECT_LE(ms_since(begin), 10000);
+    // What came is whole messages, but for the last.
+    const std::string received = stalled.receive_all();
+    const std::string list = hex("00 09 03 00 d0 07 00 00");
+    const std::string later = hex("00 09 03 00 d1 07 00 00");
+    size_t at = 0;
+    while (at + 34029 < received.size()) {
+        const std::string head = received.substr(at, 8);
+        ASSERT_TRUE(head == list || head == later || head.starts_with(hex("00 09 06 00 02"))) << at;
+        at += head == list ? 34008 : head == later ? 34025 : 25;
+    }
+    EXPECT_GT(at, 0U);
+}
+
+TEST(Load, NothingPilesUpOverManyConnections)
+{
+    const int connections = SANITIZED ? 2000 : 20000;
+    server_t server;
+    test_host::reset(-2);
+    const size_t descriptors = open_descriptors().size();
+    const int threads = thread_count();
+    for (int i = 0; i < 200; i++) {
+        ASSERT_EQ(server.connect_client().ask(request(5, 4), 4), SUCCESS);
+    }
+    const long before = address_space_kb();
+    for (int i = 0; i < connections; i++) {
+        ASSERT_EQ(server.connect_client().ask(request(5, 4), 4), SUCCESS);
+    }
+    EXPECT_TRUE(
+        wait_until([&] { return thread_count() == threads && open_descriptors().size() == descriptors; }));
+    EXPECT_LT(address_space_kb() - before, 1 << 20); // a stack takes 8 MB of address space
+}
+
+// Random requests until the connection ends.
+void make_requests(stream_t stream, unsigned seed)
+{
+    std::minstd_rand random(seed);
+    const auto pick = [&](uint32_t count) { return static_cast<uint8_t>(random() % count); };
+    while (true) {
+        std::string bytes;
+        switch (random() % 8) {
+        case 0:
+        case 1:
+        case 2:
+            bytes = add_request(pick(3), pick(200), pick(3), 3600, "rule");
+            break;
+        case 3:
+            bytes = request(1, pick(3), address_bytes(pick(200)));
+            break;
+        case 4:
+            bytes = request(2, 3);
+            break;
+        case 5:
+            bytes = request(3, 0, address_bytes(pick(200)));
+            break;
+        case 6:
+            bytes = pick(2) == 0 ? request(4, 5) : request(4, 4, hex("00 00 00 00"));
+            break;
+        default:
+            bytes = request(5, static_cast<uint8_t>(4 + pick(2)));
+        }
+        if (send(stream.fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) <= 0 || stream.receive(4).size() < 4) {
+            return;
+        }
+        char rest[4096];
+        while (recv(stream.fd, rest, sizeof rest, MSG_DONTWAIT) > 0) {
+        }
+    }
+}
+
+TEST(Load, StoppingInTheMiddleLeavesNothingBehind)
+{
+    const int rounds = SANITIZED ? 20 : 100;
+    const size_t descriptors = open_descriptors().size();
+    const int threads = thread_count();
+    int64_t longest = 0;
+    for (int round = 0; round < rounds; round++) {
+        server_t server(2, 1);
+        server.set_script(round % 2 == 0 ? "exit 0" : "sleep 1000");
+        test_host::reset(-2);
+        std::vector<std::thread> clients;
+        for (unsigned i = 0; i < 12; i++) {
+            clients.emplace_back(make_requests, server.connect_client(),
+                                 100 * static_cast<unsigned>(round) + i);
+        }
+        std::atomic<bool> stop{false};
+        std::thread packets([&] {
+            for (uint32_t i = 0; !stop; i++) {
+                server.live_packet(i % 200, i % 177);
+                server.ring_packet(i % 2, i % 200, i % 177);
+            }
+        });
+        std::this_thread::sleep_for(
+            std::chrono::milliseconds(round % 40)); // another point in time each round
+        const auto begin = clock_t_::now();
+        server.stop();
+        longest = std::max(longest, ms_since(begin));
+        stop = true;
+        packets.join();
+        for (std::thread &client : clients) {
+            client.join();
+        }
+    }
+    EXPECT_EQ(thread_count(), threads);
+    EXPECT_EQ(open_descriptors().size(), descriptors);
+    EXPECT_LE(longest, 2000);
+    std::printf("longest stop %ld ms\n", static_cast<long>(longest));
+}
+
+} // namespace

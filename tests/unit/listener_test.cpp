@@ -1,0 +1,310 @@
+#include "common/log.h"
+#include "support/control_fixture.h"
+#include "support/fault.h"
+
+#include <sys/resource.h>
+#include <thread>
+
+namespace {
+
+// A request, its exact reply, and how it leaves the stream.
+struct exchange_t {
+    std::string request;
+    std::string reply;
+    bool ends = false; // the server closes
+};
+
+// Example of the protocol's description.
+const std::string ADD_EXAMPLE =
+    hex("00 09 00 02 | 01 00 00 00 00 00 00 00 00 00 00 00 b8 0d 01 20 | e8 03 00 00 |"
+        "3c 00 00 00 | 03 | 77 65 62");
+const std::string ADDRESS_EXAMPLE = ADD_EXAMPLE.substr(4, 16);
+const std::string ONE_RULE = hex("00 09 03 00 01 00 00 00") + ADDRESS_EXAMPLE + '\2';
+const std::string NO_RULE = hex("00 09 03 00 00 00 00 00");
+const std::string EXAMPLE_DETAIL = hex("00 09 04 00") + ADDRESS_EXAMPLE +
+                                   hex("02 00 00 00 00 00 e8 03 00 00 00 00 00 00 3c 00 00 00 03 77 65 62");
+
+// Two queues, 20 packets heavy size, rings of 200000 bytes.
+std::string history_info(const std::string &size)
+{
+    return hex("00 09 05 00 02 00 00 00") + std::string(20, '\0') + hex("14 00 00 00") + hex(size) +
+           hex(size);
+}
+
+// One client's life, each request in each of its outcomes that need no other client.
+const std::vector<exchange_t> CONVERSATION = {
+    {request(2, 3), NO_RULE},
+    {request(3, 0, ADDRESS_EXAMPLE), FAIL},
+    {request(1, 2, ADDRESS_EXAMPLE), FAIL},
+    {ADD_EXAMPLE, SUCCESS},
+    {ADD_EXAMPLE, SUCCESS}, // its limits again
+    {request(2, 3), ONE_RULE},
+    {request(2, 2), ONE_RULE},
+    {request(2, 1), NO_RULE},
+    {request(3, 1, ADDRESS_EXAMPLE), EXAMPLE_DETAIL},
+    {request(1, 9, ADDRESS_EXAMPLE), SUCCESS}, // an unchecked target narrows like DST
+    {request(1, 1, ADDRESS_EXAMPLE), FAIL},
+    {request(1, 0, ADDRESS_EXAMPLE), SUCCESS},
+    {request(3, 2, ADDRESS_EXAMPLE), FAIL}, // its live capture is over
+    {ADD_EXAMPLE, FAIL},
+    {request(4, 6), history_info("00 00 00 00 00 00 00 00")},
+    {request(4, 5), FAIL}, // off already
+    {request(4, 4, hex("00 00 00 00")), SUCCESS},
+    {request(4, 4, hex("01 00 00 00")), FAIL}, // on already
+    {request(4, 6), history_info("80 1a 06 00 00 00 00 00")},
+    {request(4, 5), SUCCESS},
+    {request(4, 4, hex("01 00 00 00")), SUCCESS},
+    {request(4, 6), history_info("00 00 10 00 00 00 00 00")},
+    {request(4, 5), SUCCESS},
+    {request(5, 5), FAIL}, // not registered
+    {request(5, 4), SUCCESS},
+    {request(5, 4), SUCCESS},
+    {add_request(0, 7, 0, 0, "x"), incident(1, 7) + incident(1, 7) + SUCCESS},
+    {request(5, 5), SUCCESS},
+    {add_request(1, 8, 0, 9, "y"), incident(2, 8) + SUCCESS},
+    {request(5, 5), SUCCESS},
+    {request(5, 5), FAIL},
+    {request(7, 8, hex("15 00 00 00")), SUCCESS},
+    {request(7, 8, hex("14 00 00 00")), SUCCESS},
+    {request(0, 3), UNRECOGNIZED}, // nothing of a payload is read from here on
+    {request(2, 4), UNRECOGNIZED},
+    {request(3, 3), UNRECOGNIZED},
+    {request(4, 3), UNRECOGNIZED},
+    {request(4, 7), UNRECOGNIZED},
+    {request(5, 3), UNRECOGNIZED},
+    {request(5, 6), UNRECOGNIZED},
+    {request(7, 7), UNRECOGNIZED},
+    {request(7, 9), UNRECOGNIZED},
+    {request(8, 0), UNRECOGNIZED},
+    {request(255, 255), UNRECOGNIZED},
+    {add_request(0, 9, 1, 1, ""), FAIL},
+    {add_request(0, 9, 1, 1, std::string(128, 'n')), FAIL},
+    {add_request(0, 9, 1, 1, std::string(255, 'n')), FAIL},
+    {add_request(0, 9, 1, 1, "../x"), FAIL},
+    {add_request(0, 9, 1, 1, "/"), FAIL},
+    {add_request(0, 9, 1, 1, std::string("a\0b", 3)), FAIL},
+    {add_request(0, 9, 1, 1, ".."), SUCCESS}, // "/directory/.._3": a plain name
+    {add_request(0, 10, 1, 1, std::string(127, 'n')), SUCCESS},
+    {request(6, 99), "", true},
+};
+
+TEST(Requests, AreAnsweredByteForByteWhateverSegmentsTheyComeIn)
+{
+    std::string requests;
+    std::string replies;
+    for (const exchange_t &exchange : CONVERSATION) {
+        requests += exchange.request;
+        replies += exchange.reply;
+    }
+    for (const size_t segment : {requests.size(), size_t{1}, size_t{7}}) {
+        server_t server(2);
+        const stream_t client = server.connect_client();
+        for (size_t at = 0; at < requests.size(); at += segment) {
+            client.send_bytes(requests.substr(at, segment));
+        }
+        EXPECT_EQ(client.receive_all(), replies) << segment;
+        EXPECT_TRUE(server.exists("web_0"));
+        EXPECT_TRUE(server.exists(".._3"));
+        EXPECT_FALSE(std::filesystem::exists(server.directory + "../x_0"));
+        EXPECT_EQ(heavy_size(), 20U);
+        EXPECT_EQ(test_host::count("Rule not added: invalid name lenght"), 3);
+        EXPECT_EQ(test_host::count("Rule not added: invalid character in name"), 3);
+    }
+}
+
+TEST(Requests, EachIsAnsweredOnItsOwn)
+{
+    server_t server(2);
+    const stream_t client = server.connect_client();
+    for (const exchange_t &exchange : CONVERSATION) {
+        EXPECT_EQ(client.ask(exchange.request, exchange.reply.size()), exchange.reply);
+    }
+    EXPECT_EQ(client.receive_all(), "");
+}
+
+TEST(Requests, CutAtAnyByteTheyEndTheConnectionWithoutReplyOrEffect)
+{
+    server_t server(1);
+    const std::vector<std::string> requests = {ADD_EXAMPLE,
+                                               request(1, 2, ADDRESS_EXAMPLE),
+                                               request(2, 3),
+                                               request(3, 0, ADDRESS_EXAMPLE),
+                                               request(4, 4, hex("00 00 00 00")),
+                                               request(7, 8, hex("09 00 00 00"))};
+    for (const std::string &whole : requests) {
+        for (size_t cut = 0; cut < whole.size(); cut++) {
+            const stream_t client = server.connect_client();
+            client.send_bytes(whole.substr(0, cut));
+            shutdown(client.fd, SHUT_WR);
+            EXPECT_EQ(client.receive_all(), "");
+        }
+    }
+    EXPECT_EQ(server.connect_client().ask(request(2, 3), NO_RULE.size()), NO_RULE);
+    EXPECT_EQ(server.history[0]->enabled.load(), 0);
+    EXPECT_EQ(heavy_size(), 20U);
+    EXPECT_EQ(test_host::count("ADD details not received"), 25);
+    EXPECT_EQ(test_host::count("ADD, name not received"), 3);
+    EXPECT_EQ(test_host::count("request remove, IP address was not received"), 16);
+    EXPECT_EQ(test_host::count("Size of buffer for Kestrune was not received"), 4);
+}
+
+TEST(Requests, OfAnotherVersionEndTheConnection)
+{
+    server_t server;
+    for (const std::string header : {"00 08 02 03", "01 09 02 03", "00 0a 02 03", "ff ff ff ff"}) {
+        const stream_t client = server.connect_client();
+        client.send_bytes(hex(header));
+        EXPECT_EQ(client.receive_all(), "") << header;
+    }
+    EXPECT_EQ(test_host::count("protocol version not supported"), 4);
+}
+
+TEST(History, IsTurnedOnAsFarAsTheQueuesAllow)
+{
+    server_t server(3);
+    const stream_t client = server.connect_client();
+    ASSERT_EQ(hc_enable(server.history[1], 5000), HC_OK);
+    EXPECT_EQ(client.ask(request(4, 4, hex("03 00 00 00")), 4), FAIL);
+    EXPECT_TRUE(test_host::logged("Some of the history buffers are enabled, some are disabled"));
+    EXPECT_EQ(server.history[0]->size, 1048576U); // stays on
+    EXPECT_EQ(server.history[2]->enabled.load(), 0);
+
+    hc_disable(server.history[0]);
+    ASSERT_EQ(hc_enable(server.history[2], 5000), HC_OK);
+    EXPECT_EQ(client.ask(request(4, 5), 4), FAIL); // stops at the queue that is off
+    EXPECT_EQ(server.history[2]->enabled.load(), 1);
+    hc_disable(server.history[1]);
+    hc_disable(server.history[2]);
+
+    fault::fail_function("pthread_create");
+    EXPECT_EQ(client.ask(request(4, 4, hex("03 00 00 00")), 4), FAIL);
+    fault::fail_function("");
+    EXPECT_EQ(test_host::count("History buffer could not be initialized."), 3);
+    EXPECT_EQ(client.ask(request(4, 4, hex("03 00 00 00")), 4), SUCCESS);
+    server.ring_packet(0, 1, 2);
+    server.ring_packet(2, 1, 2);
+    const std::string info = client.ask(request(4, 6), 48);
+    EXPECT_EQ(info.substr(0, 12), hex("00 09 05 00 03 00 00 00 02 00 00 00"));
+    EXPECT_EQ(info.substr(32, 8), little_endian(3 * 1048576, 8));
+    EXPECT_EQ(info.substr(40, 8), little_endian(3 * 1048576 - 2 * (HC_RECORD_HEADER + 4), 8));
+}
+
+TEST(Slots, The129thClientIsTurnedAwayAndTheLowestFreeSlotIsUsedNext)
+{
+    server_t server;
+    std::vector<stream_t> clients;
+    for (uint32_t i = 0; i < LS_MAX_CLIENTS; i++) {
+        clients.push_back(server.connect_client());
+        EXPECT_EQ(clients.back().ask(request(5, 4), 4), SUCCESS);
+        EXPECT_TRUE(test_host::logged("client connected, slot #" + std::to_string(i)));
+    }
+    EXPECT_EQ(server.connect_client().receive_all(), "");
+    EXPECT_TRUE(test_host::logged("Unable to accept a connection: all slots are taken"));
+    EXPECT_EQ(clients[0].ask(add_request(0, 1, 0, 0, "a"), 29), incident(0, 1) + SUCCESS);
+    for (uint32_t i = 1; i < LS_MAX_CLIENTS; i++) {
+        EXPECT_EQ(clients[i].receive(25), incident(0, 1));
+    }
+    const int threads = thread_count();
+    clients[90].end();
+    clients[3].end();
+    EXPECT_TRUE(
+        wait_until([&] { return thread_count() == threads - 2; })); // a slot is free before its thread ends
+    test_host::reset();
+    clients[3] = server.connect_client();
+    EXPECT_EQ(clients[3].ask(request(2, 0), 8).size(), 8U);
+    EXPECT_TRUE(test_host::logged("client connected, slot #3"));
+}
+
+TEST(Slots, ALaterConnectionNeverInheritsRegistrations)
+{
+    server_t server;
+    const stream_t adder = server.connect_client();
+    for (uint32_t round = 0; round < 4; round++) {
+        stream_t first = server.connect_client();
+        EXPECT_EQ(first.ask(request(5, 4), 4), SUCCESS);
+        EXPECT_EQ(first.ask(request(5, 4), 4), SUCCESS);
+        EXPECT_EQ(first.ask(request(5, 5), 4), SUCCESS); // one of two is left
+        const int threads = thread_count();
+        first.end();
+        EXPECT_TRUE(wait_until([&] { return thread_count() == threads - 1; }));
+        const stream_t second = server.connect_client();
+        EXPECT_EQ(second.ask(request(2, 1), NO_RULE.size()).size(), NO_RULE.size());
+        EXPECT_EQ(adder.ask(add_request(0, round, 0, 0, "a"), 4), SUCCESS);
+        EXPECT_TRUE(second.is_quiet());
+    }
+    EXPECT_FALSE(test_host::logged("Trying to unregister not registred client"));
+}
+
+TEST(Slots, AFailedHandlerStartDropsOnlyThatConnection)
+{
+    server_t server;
+    fault::fail_function("pthread_create");
+    EXPECT_EQ(server.connect_client().receive_all(), "");
+    fault::fail_function("");
+    EXPECT_TRUE(test_host::logged("client handler spawn failed: Resource temporarily unavailable"));
+    EXPECT_EQ(server.connect_client().ask(request(2, 3), 8), NO_RULE);
+}
+
+TEST(Slots, WithoutDescriptorsAcceptingPausesAndGoesOn)
+{
+    server_t server;
+    rlimit before = {};
+    const stream_t client = server.connect_client();
+    EXPECT_EQ(client.ask(request(2, 3), 8), NO_RULE);
+    getrlimit(RLIMIT_NOFILE, &before);
+    stream_t waiting(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_storage address = {};
+    socklen_t size = sizeof address;
+    getpeername(client.fd, reinterpret_cast<sockaddr *>(&address), &size);
+    const rlimit none = {static_cast<rlim_t>(waiting.fd + 1), before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_EQ(connect(waiting.fd, reinterpret_cast<sockaddr *>(&address), size), 0);
+    EXPECT_TRUE(wait_until([] { return test_host::count("Too many open files") == 2; }));
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(waiting.ask(request(2, 3), 8), NO_RULE);
+    EXPECT_LE(test_host::count("Unable to accept a connection: Too many open files"), 3);
+}
+
+TEST(Start, FailsWithTheErrorOfItsStepAndLeavesNothing)
+{
+    captures_t captures;
+    const int threads = thread_count();
+    const size_t descriptors = open_descriptors().size();
+    const server_t running;
+    const int others = thread_count() - threads;
+    sockaddr_storage address = {};
+    socklen_t size = sizeof address;
+    getsockname(running.listener->sock, reinterpret_cast<sockaddr *>(&address), &size);
+    const std::string busy = std::to_string(ntohs(reinterpret_cast<sockaddr_in *>(&address)->sin_port));
+    struct case_t {
+        const char *port;
+        const char *failing; // function, or ""
+        const char *logged;
+        int error;
+    };
+    const case_t cases[] = {
+        {"no such service", "", "Failed to process address information: ", EINVAL},
+        {busy.c_str(), "", "Socket bind failed: Address already in use", EADDRINUSE},
+        {"0", "calloc", "Could not create listener structure", ENOMEM},
+        {"0", "socket", "Unable to create socket: Too many open files", EMFILE},
+        {"0", "setsockopt", "setsockopt(SO_REUSEADDR) failed", ENOPROTOOPT},
+        {"0", "pthread_rwlock_init", "Rules manager could not be created", ENOMEM},
+        {"0", "pthread_create", "Creating rules thread failed", EAGAIN},
+    };
+    for (const case_t &c : cases) {
+        fault::fail_function(c.failing);
+        EXPECT_EQ(ls_init(captures.live, c.port, 0, nullptr), nullptr) << c.logged;
+        EXPECT_EQ(errno, c.error) << c.logged;
+        fault::fail_function("");
+        EXPECT_TRUE(test_host::logged(c.logged)) << c.logged;
+    }
+    fault::fail_call(8); // the listener's thread, after the rules manager's
+    EXPECT_EQ(ls_init(captures.live, "0", 0, nullptr), nullptr);
+    EXPECT_EQ(fault::failed(), "pthread_create");
+    fault::fail_call(0);
+    EXPECT_TRUE(test_host::logged("Listener thread could not be created"));
+    EXPECT_EQ(thread_count(), threads + others);
+    EXPECT_EQ(open_descriptors().size(), descriptors + 1);
+}
+
+} // namespace

@@ -1,0 +1,549 @@
+#include "common/printable.h"
+#include "rules_manager/capture_script.h"
+#include "support/control_fixture.h"
+#include "support/fault.h"
+
+#include <fstream>
+#include <signal.h>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+constexpr uint8_t ALL = msg_target::ALL;
+using rules_t = std::vector<std::pair<int, int>>;
+
+std::string content(const std::string &path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+void set_next_id(registry_t *registry, uint32_t id)
+{
+    rwlock_write(&registry->rm.lock);
+    registry->rm.next_rule_id = id;
+    rwlock_write_unlock(&registry->rm.lock);
+}
+
+TEST(FileNames, TakeTheFirstFreeVersionThatFits)
+{
+    struct case_t {
+        uint32_t id;
+        int versions;         // files present: without a version, and versions 1 to versions - 1
+        std::string expected; // "": refused
+    };
+    const case_t cases[] = {{7, 0, "web_7"},
+                            {7, 1, "web_7_1"},
+                            {7, 3, "web_7_3"},
+                            {12345, 99, "web_12345_99"},
+                            {12345, 100, ""}, // _12345_100 takes ten characters
+                            {99999999, 0, "web_99999999"},
+                            {99999999, 1, ""},
+                            {123456, 1, "web_123456_1"},
+                            {1234567, 1, ""},
+                            {12345678, 1, ""},
+                            {100000000, 0, ""}};
+    for (const case_t &c : cases) {
+        registry_t registry;
+        set_next_id(&registry, c.id);
+        const std::string first = "web_" + std::to_string(c.id);
+        for (int version = 0; version < c.versions; version++) {
+            registry.create(version == 0 ? first : first + "_" + std::to_string(version));
+        }
+        const bool fits = !c.expected.empty();
+        EXPECT_EQ(registry.add(1, BOTH, 10, 10, "web"), fits ? RM_OK : RM_NOT_ADDED) << c.id;
+        EXPECT_EQ(test_host::logged("The filename is too long."), !fits);
+        EXPECT_EQ(registry.list(ALL).size(), fits ? 1U : 0U);
+        EXPECT_TRUE(!fits || registry.exists(c.expected)) << c.expected;
+        EXPECT_EQ(test_host::count("exists. Trying version"), c.versions) << c.expected;
+        EXPECT_EQ(registry.add(2, BOTH, 0, 0, "next"), c.id < 100000000 - 1 ? RM_OK : RM_NOT_ADDED);
+    }
+}
+
+TEST(FileNames, VersionsEndAt999AndTheRuleStaysWithoutACapture)
+{
+    registry_t registry;
+    registry.create("web_0");
+    for (int version = 1; version <= 999; version++) {
+        registry.create("web_0_" + std::to_string(version));
+    }
+    EXPECT_EQ(registry.add(1, BOTH, 10, 10, "web"), RM_OK);
+    EXPECT_TRUE(test_host::logged("Could not add new rule to LC."));
+    rm_detail_t detail;
+    EXPECT_EQ(registry.detail(1, &detail), RM_UNKNOWN);
+    EXPECT_TRUE(registry.finishes());
+    EXPECT_TRUE(registry.exists("web_0_999")); // not this rule's to delete
+}
+
+TEST(FileNames, HistoryFilesFollowTheLiveFileForQueuesWithARing)
+{
+    registry_t registry(3, 10000);
+    hc_disable(registry.history[1]);
+    registry.create("web_0");
+    EXPECT_EQ(registry.add(1, BOTH, 0, 0, "web"), RM_OK);
+    EXPECT_TRUE(registry.exists("web_0_1_hc_0"));
+    EXPECT_FALSE(registry.exists("web_0_1_hc_1"));
+    EXPECT_TRUE(registry.exists("web_0_1_hc_2"));
+    EXPECT_FALSE(registry.exists("web_0_1")); // no limit, no live file
+}
+
+TEST(Rules, AddingAgainRenewsWidensOrFails)
+{
+    registry_t registry(1, 10000);
+    connection_t connection;
+    EXPECT_EQ(registry.add(1, SRC, 10, 100, "webserver"), RM_OK);
+    EXPECT_EQ(registry.register_client(connection), RM_OK);
+    EXPECT_EQ(registry.add(1, SRC, 20, 200, "web"), RM_OK); // a leading part of the name
+    rm_detail_t detail;
+    EXPECT_EQ(registry.detail(1, &detail), RM_OK);
+    EXPECT_EQ(detail.fixed.direction, SRC);
+    EXPECT_EQ(detail.fixed.packet_limit, 20U);
+    EXPECT_EQ(registry.add(1, DST, 20, 200, "webserver"), RM_OK);
+    EXPECT_EQ(registry.add(1, SRC, 5, 5, "other"), RM_OTHER_NAME);
+    EXPECT_EQ(registry.add(1, SRC, 5, 5, "webserverx"), RM_OTHER_NAME);
+    EXPECT_EQ(registry.list(ALL), (rules_t{{1, BOTH}}));
+    EXPECT_TRUE(connection.client.is_quiet());
+
+    EXPECT_EQ(registry.drop(1, BOTH), RM_OK);
+    EXPECT_EQ(registry.add(1, BOTH, 5, 5, "web"), RM_NOT_LIVE);
+    EXPECT_TRUE(test_host::logged("but it was not found in live capture."));
+    EXPECT_TRUE(registry.finishes());
+    EXPECT_EQ(registry.add(1, BOTH, 5, 5, "other"), RM_OK);
+    EXPECT_TRUE(registry.exists("other_1"));
+}
+
+TEST(Rules, DroppingNarrowsOrEnds)
+{
+    struct case_t {
+        uint8_t has;
+        uint8_t dropped;
+        int32_t result;
+        int left; // direction of the live capture, -1: ended
+    };
+    const case_t cases[] = {{BOTH, SRC, RM_OK, DST},     {BOTH, DST, RM_OK, SRC},    {BOTH, 77, RM_OK, SRC},
+                            {BOTH, BOTH, RM_OK, -1},     {SRC, SRC, RM_OK, -1},      {SRC, BOTH, RM_OK, -1},
+                            {DST, SRC, RM_UNKNOWN, DST}, {SRC, DST, RM_UNKNOWN, SRC}};
+    for (const case_t &c : cases) {
+        registry_t registry;
+        EXPECT_EQ(registry.add(1, c.has, 10, 10, "web"), RM_OK);
+        EXPECT_EQ(registry.drop(1, c.dropped), c.result) << int{c.has} << int{c.dropped};
+        EXPECT_EQ(registry.list(ALL).size(), 1U); // until the next pass
+        rm_detail_t detail;
+        EXPECT_EQ(registry.detail(1, &detail), c.left == -1 ? RM_UNKNOWN : RM_OK);
+        EXPECT_TRUE(c.left == -1 || registry.list(static_cast<uint8_t>(c.left)).size() == 1U);
+        registry.live_packet(1, 9);
+        registry.live_packet(9, 1);
+        const int packets = c.left == -1 ? 0 : c.left == BOTH ? 2 : 1;
+        EXPECT_EQ(read_pcap(registry.directory + "web_0").size(), static_cast<size_t>(packets));
+        registry.pass();
+        EXPECT_EQ(registry.list(ALL).size(), c.left == -1 ? 0U : 1U);
+        EXPECT_TRUE(registry.exists("web_0")); // dropped: stays, empty or not
+    }
+    registry_t registry;
+    EXPECT_EQ(registry.drop(1, BOTH), RM_UNKNOWN);
+}
+
+TEST(Rules, ListSelectsByDirectionNewestFirstAndDetailTellsTheLiveCapture)
+{
+    registry_t registry(1, 10000);
+    EXPECT_EQ(registry.add(1, SRC, 10, 60, "a"), RM_OK);
+    EXPECT_EQ(registry.add(2, BOTH, 0, 60, "b"), RM_OK);
+    EXPECT_EQ(registry.add(3, SRC, 10, 60, std::string(127, 'c')), RM_OK);
+    EXPECT_EQ(registry.list(ALL), (rules_t{{3, SRC}, {2, BOTH}, {1, SRC}}));
+    EXPECT_EQ(registry.list(SRC), (rules_t{{3, SRC}, {1, SRC}}));
+    EXPECT_TRUE(registry.list(DST).empty());
+    registry.live_packet(3, 9);
+    rm_detail_t detail;
+    ASSERT_EQ(registry.detail(3, &detail), RM_OK);
+    EXPECT_EQ(detail.fixed.packets, 1U);
+    EXPECT_EQ(detail.fixed.packet_limit, 10U);
+    EXPECT_EQ(detail.fixed.time_limit_s, 60U);
+    EXPECT_LE(detail.fixed.elapsed_s, 5U);
+    EXPECT_EQ(detail.fixed.name_length, 127);
+    EXPECT_EQ(std::string(detail.name, detail.name + 127), std::string(127, 'c'));
+    EXPECT_EQ(registry.detail(2, &detail), RM_UNKNOWN); // has no live capture
+    EXPECT_EQ(registry.detail(4, &detail), RM_UNKNOWN);
+    EXPECT_EQ(detail.fixed.packet_limit, 0U);
+}
+
+TEST(Clients, RegistrationsAreCountedAndFreedSlotsUsedAgain)
+{
+    registry_t registry;
+    connection_t connection;
+    connection_t other;
+    EXPECT_EQ(rm_unregister_client(&registry.rm, 5), RM_NOT_REGISTERED);
+    EXPECT_EQ(rm_unregister_client(&registry.rm, -1), RM_NOT_REGISTERED);
+    for (uint32_t i = 0; i < RM_MAX_CLIENTS; i++) {
+        EXPECT_EQ(registry.register_client(i == 77 ? other : connection), RM_OK);
+    }
+    EXPECT_EQ(registry.register_client(other), RM_ALL_REGISTERED);
+    EXPECT_TRUE(test_host::logged("register client. Actual count: 128"));
+    EXPECT_EQ(rm_unregister_client(&registry.rm, connection.server.fd), RM_OK);
+    EXPECT_EQ(registry.register_client(other), RM_OK);
+    EXPECT_EQ(registry.add(1, SRC, 0, 0, "a"), RM_OK);
+    EXPECT_EQ(other.client.receive(50), incident(0, 1) + incident(0, 1));
+    rm_forget_client(&registry.rm, connection.server.fd);
+    EXPECT_TRUE(test_host::logged("unregister client. Actual count: 2"));
+    test_host::reset();
+    rm_forget_client(&registry.rm, connection.server.fd);
+    EXPECT_TRUE(test_host::messages().empty());
+}
+
+TEST(Clients, AFailedIncidentDropsTheClientAndNothingElse)
+{
+    registry_t registry;
+    connection_t gone;
+    connection_t full;
+    connection_t good;
+    for (connection_t *connection : {&gone, &full, &good}) {
+        EXPECT_EQ(registry.register_client(*connection), RM_OK);
+    }
+    shutdown(gone.server.fd, SHUT_WR);
+    full.fill();
+    EXPECT_EQ(registry.add(1, SRC, 0, 0, "a"), RM_OK);
+    EXPECT_EQ(good.client.receive(25), incident(0, 1));
+    EXPECT_EQ(test_host::count("kestrune: Connection to INFO socket failed"), 2);
+    EXPECT_EQ(test_host::count("kestrune: Info thread: Send failed"), 2);
+    EXPECT_EQ(rm_unregister_client(&registry.rm, gone.server.fd), RM_NOT_REGISTERED);
+    EXPECT_EQ(rm_unregister_client(&registry.rm, full.server.fd), RM_NOT_REGISTERED);
+    EXPECT_EQ(rm_unregister_client(&registry.rm, good.server.fd), RM_OK);
+}
+
+TEST(Channel, AnUpdateThatGoesOutInPartEndsTheStream)
+{
+    connection_t connection;
+    std::string bytes(1 << 24, 'x');
+    iovec part = {bytes.data(), bytes.size()};
+    EXPECT_FALSE(msg_channel_update(&connection.channel, &part, 1, static_cast<uint32_t>(bytes.size())));
+    const std::string received = connection.client.receive_all();
+    EXPECT_LT(received.size(), bytes.size());
+    EXPECT_FALSE(received.empty());
+    part.iov_len = 1;
+    EXPECT_FALSE(msg_channel_update(&connection.channel, &part, 1, 1));
+    const uint8_t reply = 0;
+    EXPECT_EQ(msg_channel_reply(&connection.channel, &reply, 1), -1);
+}
+
+TEST(Channel, NoUpdateLandsInAReplyThatWaitsForRoom)
+{
+    connection_t connection;
+    const std::string reply(1 << 24, 'r');
+    const auto mid_message = [&] {
+        mutex_lock(&connection.channel.lock);
+        const bool waits = connection.channel.mid_message;
+        mutex_unlock(&connection.channel.lock);
+        return waits;
+    };
+    std::thread handler([&] {
+        EXPECT_EQ(msg_channel_reply(&connection.channel, reinterpret_cast<const uint8_t *>(reply.data()),
+                                    static_cast<uint32_t>(reply.size())),
+                  0);
+    });
+    ASSERT_TRUE(wait_until(mid_message));
+    char update = 'u';
+    iovec part = {&update, 1};
+    EXPECT_FALSE(msg_channel_update(&connection.channel, &part, 1, 1));
+    EXPECT_EQ(connection.client.receive(reply.size()), reply);
+    handler.join();
+    EXPECT_TRUE(msg_channel_update(&connection.channel, &part, 1, 1));
+    EXPECT_EQ(connection.client.receive(1), "u");
+}
+
+TEST(Monitor, AnnouncesEveryChangeAndTheEndOfARule)
+{
+    registry_t registry(2, 10000);
+    connection_t connection;
+    EXPECT_EQ(registry.register_client(connection), RM_OK);
+    registry.ring_packet(0, 1, 9);
+    registry.ring_packet(0, 8, 9);
+    registry.ring_packet(0, 9, 1);
+    EXPECT_EQ(registry.add(1, BOTH, 4, 1000, "web"), RM_OK);
+    registry.live_packet(1, 9);
+    EXPECT_TRUE(wait_until([&] {
+        const ip_addr_t addr = numbered_address(1);
+        return (hc_search_progress(registry.history[0], &addr, 0) & 0xFF) == 100 &&
+               (hc_search_progress(registry.history[1], &addr, 0) & 0xFF) == 100;
+    }));
+    registry.pass();
+    registry.pass(); // nothing new
+    EXPECT_EQ(connection.client.receive(35), incident(0, 1) + capture(0, 25));
+    EXPECT_TRUE(connection.client.is_quiet());
+    EXPECT_TRUE(registry.exists("web_0_hc_0"));
+    EXPECT_FALSE(registry.exists("web_0_hc_1")); // stayed empty
+    rm_detail_t detail;
+    EXPECT_EQ(registry.detail(1, &detail), RM_OK);
+    EXPECT_EQ(detail.fixed.history_progress, 100);
+
+    for (int i = 0; i < 3; i++) {
+        registry.live_packet(9, 1);
+    }
+    registry.pass();
+    const std::string end = capture(0, 100) + visual(0, 2, 4, "web_0_hc_0", "web_0");
+    EXPECT_EQ(connection.client.receive(end.size()), end);
+    EXPECT_TRUE(registry.list(ALL).empty());
+    EXPECT_EQ(read_pcap(registry.directory + "web_0").size(), 4U);
+    EXPECT_EQ(read_pcap(registry.directory + "web_0_hc_0").size(), 2U);
+}
+
+TEST(Monitor, RulesWithoutPacketsLeaveNoFilesAndCallNoScript)
+{
+    registry_t registry(1, 10000);
+    registry.set_script("touch \"$1.called\"\n");
+    connection_t connection;
+    EXPECT_EQ(registry.register_client(connection), RM_OK);
+    EXPECT_EQ(registry.add(1, BOTH, 1, 1, "a"), RM_OK);
+    EXPECT_TRUE(registry.finishes());
+    // On its way the total may be announced; the end is certain.
+    const std::string end = capture(0, 100) + visual(0, 0, 0, "", "");
+    std::string received = connection.client.receive(25);
+    EXPECT_TRUE(wait_until([&] {
+        received += connection.client.receive(1);
+        return received.size() >= end.size() && received.ends_with(end);
+    }));
+    EXPECT_FALSE(registry.exists("a_0"));
+    EXPECT_FALSE(registry.exists("a_0_hc_0"));
+    EXPECT_FALSE(test_host::logged("Calling script"));
+    EXPECT_TRUE(std::filesystem::is_empty(registry.directory));
+}
+
+TEST(Monitor, ProgressIsFollowedWithoutClientsAndAddressesAreNamedOnDemand)
+{
+    registry_t registry;
+    EXPECT_EQ(registry.add(1, SRC, 10, 1000, "a"), RM_OK);
+    registry.live_packet(1, 9);
+    registry.pass();
+    EXPECT_TRUE(test_host::logged("kestrune: Rules_manager: progress of: , total: 10"));
+    EXPECT_FALSE(test_host::logged("live capture: 10"));
+    connection_t connection;
+    EXPECT_EQ(registry.register_client(connection), RM_OK);
+    local_verbose_level = 4;
+    registry.pass();
+    local_verbose_level = 0;
+    EXPECT_TRUE(
+        test_host::logged("kestrune: Rules_manager: progress of: 10.0.0.1, live capture: 10, packets: 1"));
+    EXPECT_TRUE(connection.client.is_quiet()); // 10 was known before it registered
+}
+
+TEST(Monitor, ManyUpdatesOfOnePassComeInOrderAndAFailingClientIsLeftOut)
+{
+    constexpr uint32_t count = 1000;
+    registry_t registry;
+    connection_t connection;
+    connection_t full;
+    std::string expected;
+    for (uint32_t i = 0; i < count; i++) {
+        EXPECT_EQ(registry.add(i, SRC, 0, 0, "a"), RM_OK);
+        expected += capture(count - 1 - i, 100); // newest first
+    }
+    for (uint32_t i = 0; i < count; i++) {
+        expected += visual(i, 0, 0, "", ""); // last found first
+    }
+    EXPECT_EQ(registry.register_client(full), RM_OK);
+    EXPECT_EQ(registry.register_client(connection), RM_OK);
+    full.fill();
+    test_host::reset();
+    std::string received;
+    std::thread reader([&] { received = connection.client.receive(expected.size()); });
+    registry.pass();
+    reader.join();
+    EXPECT_TRUE(received == expected);
+    EXPECT_EQ(test_host::count("Connection to INFO socket failed"), static_cast<int>(count) + 1);
+    EXPECT_EQ(rm_unregister_client(&registry.rm, full.server.fd), RM_OK); // these failures do not unregister
+}
+
+TEST(Monitor, OnlyTheFirst64QueuesAreSearched)
+{
+    registry_t registry(66, 1000);
+    EXPECT_EQ(test_host::count("history searches are offered to the first 64 only"), 1);
+    EXPECT_EQ(registry.add(1, SRC, 0, 0, "a"), RM_OK);
+    EXPECT_TRUE(registry.exists("a_0_hc_63"));
+    EXPECT_FALSE(registry.exists("a_0_hc_64"));
+    EXPECT_TRUE(registry.finishes());
+    EXPECT_TRUE(std::filesystem::is_empty(registry.directory));
+}
+
+TEST(Monitor, AHistoryListIsCutAtTheLastWholeName)
+{
+    constexpr size_t name_size = 20000;
+    registry_t registry(4);
+    char *names[4] = {};
+    std::string texts[4];
+    for (int i = 0; i < 4; i++) {
+        texts[i] = registry.directory + std::string(name_size, static_cast<char>('a' + i));
+        names[i] = texts[i].data();
+    }
+    rm_rule_t rule = {};
+    rule.hist_files = names;
+    const auto length = [&] {
+        EXPECT_TRUE(rm_compose_history_list(&registry.rm, &rule));
+        return std::strlen(registry.rm.filenames);
+    };
+    EXPECT_EQ(length(), 3 * name_size + 2);
+    texts[3].resize(registry.directory.size() + MSG_TEXT_WIRE_MAX - 3 * name_size - 3);
+    EXPECT_EQ(length(), MSG_TEXT_WIRE_MAX);
+    texts[3] += 'd';
+    names[3] = texts[3].data();
+    EXPECT_EQ(length(), 3 * name_size + 2);
+}
+
+// A rule of this name that comes to its end with one live packet and one history packet per queue.
+void finish_rule_named(registry_t *registry, const std::string &name)
+{
+    for (size_t i = 0; i < registry->history.size(); i++) {
+        registry->ring_packet(i, 1, 9);
+    }
+    EXPECT_EQ(registry->add(1, SRC, 1, 1000, name), RM_OK);
+    registry->live_packet(1, 9);
+    EXPECT_TRUE(registry->finishes());
+}
+
+TEST(Script, HearsAnyNameAsItIsAndTheShellRunsNothingOfIt)
+{
+    for (const std::string name :
+         {"web", "with blanks  two", "quote\"d 'x'", "$(touch hit)", "`touch hit`", "$HOME", "back\\slash\\",
+          "new\nline", "!! * ? ~ ; & | > hit #", "-n", "\xff\xc3\xa4"}) {
+        registry_t registry(2, 10000);
+        registry.set_script("printf '%s\\0' \"$#\" \"$@\" > " + registry.scripts.path("arguments"));
+        finish_rule_named(&registry, name);
+        const std::string live = registry.directory + name + "_0";
+        std::string expected = "2";
+        expected += '\0' + live + '\0' + live + "_hc_0," + live + "_hc_1" + '\0';
+        EXPECT_EQ(content(registry.scripts.path("arguments")), expected) << name;
+        EXPECT_FALSE(registry.exists("hit") || std::filesystem::exists("hit"));
+        if (name == "web") {
+            EXPECT_TRUE(test_host::logged("kestrune: Calling script: bash " +
+                                          registry.scripts.path("script") + " \"" + live + "\" \"" + live +
+                                          "_hc_0," + live + "_hc_1\""));
+        }
+        for (const test_host::message_t &message : test_host::messages()) {
+            EXPECT_EQ(message.text.find('\n'), std::string::npos) << message.text;
+        }
+    }
+}
+
+TEST(Script, GetsOneArgumentWithoutHistoryAndItsResultIsReported)
+{
+    struct case_t {
+        std::string script; // "": removed again
+        std::string logged; // "": no error
+    };
+    const case_t cases[] = {{"echo \"$#\" > \"$1.args\"", ""},
+                            {"exit 3", "Return value: 768, by calling script: 'bash "},
+                            {"kill -TERM $$", "Return value: "},
+                            {"", "Return value: 32512, by calling script: 'bash "}};
+    for (const case_t &c : cases) {
+        registry_t registry;
+        registry.set_script(c.script);
+        if (c.script.empty()) {
+            std::filesystem::remove(registry.scripts.path("script"));
+        }
+        finish_rule_named(&registry, "a");
+        EXPECT_EQ(test_host::logged("by calling script"), !c.logged.empty()) << c.script;
+        EXPECT_TRUE(test_host::logged(c.logged)) << c.script;
+        EXPECT_TRUE(!c.logged.empty() || content(registry.directory + "a_0.args") == "1\n");
+    }
+}
+
+TEST(Script, RunsWithNoSignalBlockedAndIsKilledWithItsChildrenWhenTheMonitorStops)
+{
+    registry_t registry;
+    // The monitor makes the passes here: it is its thread that has every signal blocked.
+    registry.destroy();
+    rm_pass_pause_ms = 10;
+    EXPECT_EQ(rm_init(&registry.rm, registry.live, registry.history.data(), 0), RM_OK);
+    const std::string out = registry.scripts.path("out");
+    registry.set_script("grep SigBlk /proc/self/status > " + out + ".status\nsleep 1000 &\necho $! $$ > " +
+                        out + "\nmv " + out + " " + out + ".pids\nwait\n");
+    for (uint32_t i = 1; i < 5; i++) {
+        EXPECT_EQ(registry.add(i, SRC, 1, 1000, "a"), RM_OK);
+        registry.live_packet(i, 9);
+    }
+    ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(out + ".pids"); }));
+    const auto begin = std::chrono::steady_clock::now();
+    rm_destroy(&registry.rm);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    EXPECT_EQ(content(out + ".status"), "SigBlk:\t0000000000000000\n");
+    EXPECT_EQ(test_host::count("Calling script"), 1); // the other rules' scripts were not begun
+    // An orphan is reaped by init, or stays a zombie where there is none.
+    int pid = 0;
+    for (std::ifstream pids(out + ".pids"); pids >> pid;) {
+        EXPECT_TRUE(wait_until([&] {
+            const std::string stat = content("/proc/" + std::to_string(pid) + "/stat");
+            return stat.empty() || stat.find(") Z ") != std::string::npos;
+        }));
+    }
+    EXPECT_GT(pid, 0);
+}
+
+TEST(Memory, LackingForTheScriptsCommandSkipsItAndTheRuleStillEnds)
+{
+    registry_t registry(1, 10000);
+    connection_t connection;
+    registry.set_script("touch \"$1.called\"");
+    EXPECT_EQ(registry.register_client(connection), RM_OK);
+    std::free(registry.rm.filenames);
+    registry.rm.filenames = nullptr;
+    registry.rm.filenames_size = 0;
+    registry.ring_packet(0, 1, 9);
+    EXPECT_EQ(registry.add(1, SRC, 1, 1000, "a"), RM_OK);
+    registry.live_packet(1, 9);
+    const ip_addr_t addr = numbered_address(1);
+    EXPECT_TRUE(
+        wait_until([&] { return (hc_search_progress(registry.history[0], &addr, 0) & 0xFF) == 100; }));
+    fault::fail_function("malloc");
+    registry.pass();
+    fault::fail_function("");
+    EXPECT_EQ(test_host::count("Error while reallocating string for capture script"), 2);
+    const std::string expected = incident(0, 1) + capture(0, 100) + visual(0, 1, 1, "", "a_0");
+    EXPECT_EQ(connection.client.receive(expected.size()), expected);
+    finish_rule_named(&registry, "b");
+    EXPECT_TRUE(registry.exists("b_1.called"));
+    EXPECT_FALSE(registry.exists("a_0.called"));
+}
+
+TEST(Memory, AFailedStepOfAnAddLeavesNoRuleAndAFailedStartLeavesNothing)
+{
+    registry_t registry(1, 10000);
+    bool failed = true;
+    uint32_t number = 0;
+    for (int n = 1; failed; n++) {
+        const size_t before = registry.list(ALL).size();
+        fault::fail_call(n);
+        const int32_t result = registry.add(++number, SRC, 10, 1000, "a");
+        failed = !fault::failed().empty();
+        fault::fail_call(0);
+        EXPECT_EQ(registry.list(ALL).size(), before + (result == RM_OK ? 1 : 0));
+        EXPECT_TRUE(result == RM_OK || result == RM_NOT_ADDED);
+    }
+    EXPECT_GE(number, 5U); // rule, name, history array and history name each failed once
+
+    const int threads = thread_count();
+    rules_manager_t rm;
+    fault::fail_function("pthread_rwlock_init");
+    EXPECT_EQ(rm_init(&rm, registry.live, registry.history.data(), 1), RM_NO_LOCK);
+    EXPECT_EQ(errno, ENOMEM);
+    fault::fail_function("pthread_create");
+    EXPECT_EQ(rm_init(&rm, registry.live, registry.history.data(), 1), RM_NO_THREAD);
+    EXPECT_EQ(errno, EAGAIN);
+    fault::fail_function("calloc");
+    EXPECT_EQ(rm_init(&rm, registry.live, registry.history.data(), 1), RM_OK); // the buffer comes later
+    fault::fail_function("");
+    rm_destroy(&rm);
+    EXPECT_EQ(thread_count(), threads);
+}
+
+TEST(Printable, WritesControlCharactersOutAndCutsWhatDoesNotFit)
+{
+    printable_t space;
+    const char plain[] = "a\xc3\xa4 b\\";
+    EXPECT_EQ(printable(plain, &space), plain);
+    EXPECT_STREQ(printable("\x1b[2Ja\n\x7f", &space), "\\x1b[2Ja\\x0a\\x7f");
+    const std::string longer = "\n" + std::string(PRINTABLE_SIZE, 'x');
+    const std::string cut = printable(longer.c_str(), &space);
+    EXPECT_LT(cut.size(), PRINTABLE_SIZE);
+    EXPECT_TRUE(cut.ends_with("x..."));
+}
+
+} // namespace
