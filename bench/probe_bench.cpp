@@ -48,7 +48,7 @@ void parse_and_hand_on(benchmark::State &state)
     probe::reader_counters_t counters;
     probe::frame_reader_t reader(probe::link_type_t::ETHERNET, &counters, &queue);
     uint64_t shift_ns = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         for (const stored_t &packet : packets) {
             reader.read(packet.bytes.data(), static_cast<uint32_t>(packet.bytes.size()),
                         packet.timestamp_ns + shift_ns);
@@ -69,7 +69,7 @@ void new_flow_every_packet(benchmark::State &state)
     probe::frame_reader_t reader(probe::link_type_t::ETHERNET, &counters, &queue);
     uint8_t frame[64] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0x45, 0, 0, 50, 0, 0, 0, 0, 64, 17};
     uint32_t source = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         source++;
         std::memcpy(frame + 26, &source, sizeof source);
         reader.read(frame, sizeof frame, source);

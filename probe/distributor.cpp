@@ -6,7 +6,7 @@ namespace probe {
 namespace {
 
 constexpr size_t BATCH_PACKETS = 256;
-constexpr size_t BATCH_BYTES = 256 * 1024; // more than the longest packet
+constexpr size_t BATCH_BYTES = size_t{256} * 1024; // more than the longest packet
 constexpr size_t LANE_BATCHES = 8;
 static_assert(BATCH_BYTES >= PACKET_LENGTH_MAX);
 

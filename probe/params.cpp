@@ -69,7 +69,7 @@ bool params_parser_t::parse(const std::string &params, const config_option_t *op
         assignment_t assignment = {};
         std::string why;
         if (!read_item(item, options, &assignment, &why)) {
-            *error = "parameter \"" + item + "\": " + why;
+            error->assign("parameter \"").append(item).append("\": ").append(why);
             return false;
         }
         assignments.push_back(assignment);

@@ -34,7 +34,10 @@ Pointer plugin_module_t::symbol(const char *name) const
 
 plugin_module_t::plugin_module_t(const std::string &path) : path_(path)
 {
-    library_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    // A bare name is a file here, as on every command line, before it is one of the loader's folders.
+    std::error_code error;
+    const std::string file = std::filesystem::exists(path, error) ? "./" + path : path;
+    library_ = dlopen(path.starts_with("/") ? path.c_str() : file.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library_ == nullptr) {
         throw error_t("cannot load the plugin: " + loader_error());
     }

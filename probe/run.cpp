@@ -4,6 +4,7 @@
 #include "probe/error.h"
 #include "probe/log.h"
 #include "probe/packet_queue.h"
+#include "probe/pipe_input.h"
 #include "probe/plugin_module.h"
 #include "probe/signals.h"
 
@@ -123,7 +124,7 @@ private:
             captures_ = interface_capture_t::open(options_.interface);
         }
         for (const std::string &path : options_.replay.files) {
-            if (path != "-") {
+            if (!is_pipe(path)) { // what a pipe gave would be gone
                 const capture_file_t file(path);
             }
         }
@@ -181,6 +182,7 @@ private:
     void start_captures(workers_t *workers)
     {
         const uint64_t start_ns = wall_now_ns();
+        log_info(1, "capturing on %s", options_.interface.name.c_str());
         for (uint32_t i = 0; i < options_.queue_count; i++) {
             workers->start([this, i, start_ns] {
                 captures_[i]->run(start_ns, stop_, reader_counters_[i].get(), queues_[i].get());
@@ -196,18 +198,27 @@ private:
             return;
         }
         distributor_ = std::make_unique<distributor_t>(options_.queue_count);
-        for (uint32_t i = 0; i < options_.queue_count; i++) {
-            workers->start([this, i] { distributor_->lane(i).run(queues_[i].get()); });
-        }
-        workers->start([this] {
-            try {
-                replay(distributor_.get());
-            } catch (...) {
-                distributor_->finish();
-                throw;
+        // The queues' threads wait for finish, also when a thread cannot be started.
+        try {
+            for (uint32_t i = 0; i < options_.queue_count; i++) {
+                workers->start([this, i] { distributor_->lane(i).run(queues_[i].get()); });
             }
+            workers->start([this] { replay_to_queues(); });
+        } catch (...) {
             distributor_->finish();
-        });
+            throw;
+        }
+    }
+
+    void replay_to_queues()
+    {
+        try {
+            replay(distributor_.get());
+        } catch (...) {
+            distributor_->finish();
+            throw;
+        }
+        distributor_->finish();
     }
 
     void replay(packet_sink_t *sink)

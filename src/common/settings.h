@@ -4,7 +4,7 @@
 // Threads: the strings and default_buffer_size change only in plugin_process_init and
 // plugin_process_shutdown, when no other thread of the plugin runs. hc_heavy_size and local_verbose_level are
 // read without a lock. Ownership: ks_exp_file_path points to the host's string or to one that the plugin
-// allocated (plugin.cpp keeps track); ks_capture_script is the plugin's.
+// allocated (plugin/paths.cpp keeps track); ks_capture_script is the plugin's.
 #pragma once
 
 #include "common/export.h"

@@ -8,8 +8,7 @@ constexpr const char *HELP =
     "Parameters:\n"
     "  port=<port number>   Communication port number for clients.  verbose=<0-5>  local verbose value\n"
     "  buffer_size=<MB> Default size of buffer for history captture (0 = no buffer)  export_path=<path> "
-    "Path, "
-    "where the captured files will be stored.\n"
+    "Path, where the captured files will be stored.\n"
     "  capture_script=<script name>   Name of script which is launched after the capturing is done.\n"
     "                 Default path of script folder is:/usr/bin/kestrune";
 

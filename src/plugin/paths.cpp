@@ -2,6 +2,7 @@
 
 #include "common/log.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>

@@ -17,7 +17,7 @@
 
 #include <cstdint>
 
-constexpr int32_t MAX_QUEUES = 255; // the registry counts queues in a byte
+constexpr int32_t MAX_QUEUES = RM_MAX_QUEUES; // what the listener takes
 
 // One per queue; what the packet path needs, copied together.
 struct plugin_instance_t {

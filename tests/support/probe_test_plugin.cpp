@@ -1,5 +1,6 @@
 // A process plugin that writes down what the probe hands to it. Its parameters:
-//   out=PATH   one line per packet goes to PATH.<queue>: source, destination, length, timestamp, flow counter
+//   out=PATH   one line per packet goes to PATH.<queue>: source, destination, length, timestamp, flow
+//              counter, hash of the bytes
 //   refuse=1   start fails
 #include "common/export.h"
 #include "common/host_interface.h"
@@ -43,6 +44,16 @@ std::string address_text(const uint8_t *bytes, size_t size, int family)
     char text[INET6_ADDRSTRLEN] = "";
     inet_ntop(family, network.data(), text, sizeof text);
     return text;
+}
+
+// FNV-1a, 64 bits.
+uint64_t hash(const uint8_t *data, size_t size)
+{
+    uint64_t value = 0xCBF29CE484222325;
+    for (size_t i = 0; i < size; i++) {
+        value = (value ^ data[i]) * 0x100000001B3;
+    }
+    return value;
 }
 
 } // namespace
@@ -100,8 +111,8 @@ void plugin_process_update(void *data, const host_flow_t *flow, const host_packe
                                : address_text(header->addr.ipv6.src, 16, AF_INET6);
     const std::string dst = v4 ? address_text(header->addr.ipv4.dst, 4, AF_INET)
                                : address_text(header->addr.ipv6.dst, 16, AF_INET6);
-    std::fprintf(instance->file, "%s %s %u %" PRIu64 " %u%s\n", src.c_str(), dst.c_str(), packet->length,
-                 header->timestamp, flow->packets,
+    std::fprintf(instance->file, "%s %s %u %" PRIu64 " %u %016" PRIx64 "%s\n", src.c_str(), dst.c_str(),
+                 packet->length, header->timestamp, flow->packets, hash(packet->data, packet->length),
                  pthread_equal(instance->thread, pthread_self()) != 0 ? "" : " foreign-thread");
 }
 

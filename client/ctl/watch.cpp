@@ -1,0 +1,174 @@
+// watch: a line per update, and on a terminal a bar per running rule. Updates name rules by id, and only an
+// INCIDENT tells the address; bars of rules that were there before come from LIST and DETAIL, by address.
+#include "client/ctl/commands.h"
+
+#include <algorithm>
+#include <ctime>
+#include <map>
+#include <set>
+
+namespace kestrune {
+
+namespace {
+
+using steady_t = std::chrono::steady_clock;
+
+constexpr auto BAR_TIME = std::chrono::seconds(1);
+// Without bars, requests only show that the probe still answers.
+constexpr auto LIVENESS_TIME = std::chrono::seconds(15);
+constexpr size_t BARS_MAX = 16; // of one probe; terminals are not higher
+
+std::string time_text()
+{
+    const std::time_t now = std::time(nullptr);
+    std::tm parts = {};
+    localtime_r(&now, &parts);
+    char text[40] = "";
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &parts);
+    return text;
+}
+
+class watcher_t {
+public:
+    watcher_t(session_t *session, const options_t &options, const endpoint_t &endpoint, console_t *console)
+        : session_(*session), options_(options), console_(*console), probe_(endpoint.text())
+    {
+    }
+
+    [[noreturn]] void run()
+    {
+        session_.updates_on();
+        for (;;) {
+            const auto period = console_.has_bars() ? BAR_TIME : LIVENESS_TIME;
+            if (std::optional<update_t> update = session_.next_update(next_poll_)) {
+                take(*update);
+            } else {
+                poll();
+                next_poll_ = steady_t::now() + period;
+            }
+        }
+    }
+
+private:
+    void take(const update_t &update)
+    {
+        if (const auto *incident = std::get_if<msg_update_incident_t>(&update)) {
+            addresses_[incident->rule_id] = ip_addr_text(incident->addr).text;
+            json_t fields = event("incident", incident->rule_id);
+            print(fields, "created");
+        } else if (const auto *capture = std::get_if<msg_update_capture_t>(&update)) {
+            json_t fields = event("capture", capture->rule_id);
+            fields["progress"] = capture->progress;
+            progress_[address(capture->rule_id)] = capture->progress;
+            print(fields, std::to_string(capture->progress) + "%");
+        } else if (const auto *visual = std::get_if<visual_t>(&update)) {
+            json_t fields = event("visual", visual->rule_id);
+            fields.update(visual_fields(*visual));
+            print(fields, console_.painted(stdout, paint_t::GREEN, "finished") + ": " + files_text(fields));
+            progress_.erase(address(visual->rule_id));
+            addresses_.erase(visual->rule_id);
+        }
+    }
+
+    std::string address(uint32_t id) const
+    {
+        const auto found = addresses_.find(id);
+        return found != addresses_.end() ? found->second : "";
+    }
+
+    json_t event(const char *kind, uint32_t id) const
+    {
+        const std::string addr = address(id);
+        return {{"probe", probe_},
+                {"time", time_text()},
+                {"event", kind},
+                {"rule", id},
+                {"address", addr.empty() ? json_t(nullptr) : json_t(addr)}};
+    }
+
+    void print(const json_t &fields, const std::string &what)
+    {
+        if (options_.json) {
+            console_.data(json_line(fields));
+            return;
+        }
+        const bool seen_in_bar =
+            console_.has_bars() && fields["event"] == "capture" && !fields["address"].is_null();
+        if (!seen_in_bar) {
+            const std::string probe = options_.probes.size() > 1 ? probe_ + " " : "";
+            const std::string addr =
+                fields["address"].is_null() ? "" : " (" + fields["address"].get<std::string>() + ")";
+            console_.data(fields["time"].get<std::string>() + " " + probe + "rule " + fields["rule"].dump() +
+                          addr + " " + what);
+        }
+    }
+
+    void poll()
+    {
+        const rule_list_t rules = session_.list(msg_target::ALL);
+        std::set<std::string> shown;
+        for (size_t i = 0; console_.has_bars() && i < rules.size() && i < BARS_MAX; i++) {
+            const std::string addr = ip_addr_text(rules[i].addr).text;
+            console_.set_bar(key(addr), bar_of(rules[i].addr, addr));
+            shown.insert(addr);
+        }
+        for (const std::string &addr : shown_) {
+            if (!shown.contains(addr)) {
+                console_.remove_bar(key(addr));
+            }
+        }
+        shown_ = shown;
+    }
+
+    bar_t bar_of(const ip_addr_t &key, const std::string &addr)
+    {
+        bar_t bar;
+        bar.label = (options_.probes.size() > 1 ? probe_ + " " : "") + addr;
+        try {
+            const msg_ip_detail_t detail = session_.detail(key).fields;
+            bar.packets = detail.packets;
+            bar.packet_limit = detail.packet_limit;
+            bar.elapsed_s = detail.elapsed_s;
+            bar.time_limit_s = detail.time_limit_s;
+            bar.percent = live_percent(detail);
+        } catch (const client_error_t &error) {
+            if (error.failure() != failure_t::REFUSED) {
+                throw; // refused: its history is searched, and there are no figures of the live capture
+            }
+        }
+        if (const auto known = progress_.find(addr); known != progress_.end()) {
+            bar.percent = known->second;
+        }
+        return bar;
+    }
+
+    // The share that the plugin's own progress has as well: of packets or of time, whichever is larger.
+    static unsigned live_percent(const msg_ip_detail_t &detail)
+    {
+        const auto share = [](uint64_t part, uint64_t whole) {
+            return whole != 0 ? static_cast<unsigned>(std::min<uint64_t>(99, part * 100 / whole)) : 0U;
+        };
+        return std::max(share(detail.packets, detail.packet_limit),
+                        share(detail.elapsed_s, detail.time_limit_s));
+    }
+
+    std::string key(const std::string &addr) const { return probe_ + " " + addr; }
+
+    session_t &session_;
+    const options_t &options_;
+    console_t &console_;
+    const std::string probe_;
+    std::map<uint32_t, std::string> addresses_; // of the rules whose INCIDENT came
+    std::map<std::string, unsigned> progress_;  // the last CAPTURE, by address
+    std::set<std::string> shown_;               // addresses with a bar
+    deadline_t next_poll_ = steady_t::now();
+};
+
+} // namespace
+
+void watch(session_t *session, const options_t &options, const endpoint_t &endpoint, console_t *console)
+{
+    watcher_t(session, options, endpoint, console).run();
+}
+
+} // namespace kestrune

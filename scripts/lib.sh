@@ -1,0 +1,57 @@
+# What the scripts share: the Debian packages that they need, and installing those that are missing.
+# Sourced by bash; the working directory is the top of the source tree afterwards.
+# shellcheck shell=bash disable=SC2034
+
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
+
+# To build everything.
+BUILD_PACKAGES=(g++ cmake ninja-build libgtest-dev libbenchmark-dev libpcap-dev libcli11-dev nlohmann-json3-dev
+    libtsl-hopscotch-map-dev)
+# To look into capture files, for scripts/demo.
+CAPTURE_PACKAGES=(tcpdump tshark wireshark-common)
+# The other compiler, the linters, and what the tests use.
+TEST_PACKAGES=(git clang clang-format clang-tidy libclang-rt-14-dev llvm shellcheck binutils tcpreplay iproute2 procps)
+
+say() {
+    printf '%s\n' "$*"
+}
+
+# run_as_root COMMAND...: by sudo where this is not root.
+run_as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    elif command -v sudo >/dev/null; then
+        sudo -n true 2>/dev/null || say "sudo is asked for, to install packages"
+        sudo "$@"
+    else
+        say "neither root nor sudo here; run as root: $*" >&2
+        return 1
+    fi
+}
+
+is_installed() {
+    [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+}
+
+# install_missing PACKAGE...: apt is not touched when nothing is missing.
+install_missing() {
+    local missing=() package
+    for package in "$@"; do
+        is_installed "$package" || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    say "installing: ${missing[*]}"
+    run_as_root apt-get -q update &&
+        run_as_root env DEBIAN_FRONTEND=noninteractive apt-get -q -y --no-install-recommends install "${missing[@]}"
+}
+
+# build_preset PRESET [TARGET...]: everything, when no target is named. Goes on after a fault, so that the
+# output names all of them.
+build_preset() {
+    local preset=$1 target=() name
+    shift
+    for name in "$@"; do
+        target+=(--target "$name")
+    done
+    cmake --preset "$preset" && cmake --build --preset "$preset" "${target[@]}" -- -k 0
+}

@@ -1,0 +1,253 @@
+#include "probe/capture_file.h"
+#include "probe/packet_parser.h"
+#include "probe/packet_sink.h"
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+using bytes_t = std::vector<uint8_t>;
+using probe::verdict_t;
+
+bytes_t operator+(bytes_t left, const bytes_t &right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+bytes_t ethernet(uint16_t type)
+{
+    bytes_t header(12, 0x02);
+    return header + bytes_t{static_cast<uint8_t>(type >> 8), static_cast<uint8_t>(type)};
+}
+
+// From an allocation of exactly this size, so that the address sanitizer sees every byte read behind it.
+verdict_t parse(const bytes_t &frame, size_t size, probe::parsed_packet_t *out)
+{
+    const std::unique_ptr<uint8_t[]> exact(new uint8_t[size]);
+    std::copy_n(frame.begin(), size, exact.get());
+    return probe::parse_packet(exact.get(), size, 7, out);
+}
+
+probe::flow_key_t key_of(const bytes_t &frame)
+{
+    probe::parsed_packet_t packet = {};
+    EXPECT_EQ(parse(frame, frame.size(), &packet), verdict_t::IP);
+    return packet.key;
+}
+
+const bytes_t NETWORK_V4_A = {10, 0, 0, 1};
+const bytes_t NETWORK_V4_B = {192, 168, 0, 2};
+
+struct ipv4_t {
+    uint8_t protocol = 17;
+    uint16_t fragment = 0; // flags and offset
+    uint16_t total_size = 0;
+    uint8_t first_byte = 0x45;
+    bool reversed = false;
+};
+
+bytes_t ipv4(const ipv4_t &fields, const bytes_t &payload)
+{
+    const bytes_t header = {fields.first_byte,
+                            0,
+                            static_cast<uint8_t>(fields.total_size >> 8),
+                            static_cast<uint8_t>(fields.total_size),
+                            0,
+                            1,
+                            static_cast<uint8_t>(fields.fragment >> 8),
+                            static_cast<uint8_t>(fields.fragment),
+                            64,
+                            fields.protocol,
+                            0,
+                            0};
+    const bytes_t &src = fields.reversed ? NETWORK_V4_B : NETWORK_V4_A;
+    const bytes_t &dst = fields.reversed ? NETWORK_V4_A : NETWORK_V4_B;
+    return ethernet(0x0800) + header + src + dst + payload;
+}
+
+// 2001:db8::1 to 2001:db8::2:3
+bytes_t ipv6(uint8_t next_header, const bytes_t &payload)
+{
+    const bytes_t src = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    const bytes_t dst = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2, 0, 3};
+    const bytes_t header = {0x60, 0, 0, 0, 0, static_cast<uint8_t>(payload.size()), next_header, 64};
+    return header + src + dst + payload;
+}
+
+const bytes_t UDP_5000_TO_53 = {0x13, 0x88, 0, 53, 0, 8, 0, 0};
+const bytes_t UDP_53_TO_5000 = {0, 53, 0x13, 0x88, 0, 8, 0, 0};
+
+} // namespace
+
+TEST(ProbeParser, EveryTruncationOfTaggedIpv6WithExtensionHeaders)
+{
+    const bytes_t tags = bytes_t{0x00, 42, 0x81, 0x00} + bytes_t{0x00, 7, 0x86, 0xDD};
+    const bytes_t hop_by_hop = {43, 0, 5, 2, 0, 0, 1, 0};
+    const bytes_t routing = bytes_t{60, 2, 4, 0} + bytes_t(20, 0);
+    const bytes_t destination = bytes_t{51, 1, 1, 12} + bytes_t(12, 0);
+    const bytes_t authentication = bytes_t{17, 4, 0, 0} + bytes_t(20, 0xEE);
+    const bytes_t frame =
+        ethernet(0x88A8) + tags +
+        ipv6(0, hop_by_hop + routing + destination + authentication + UDP_5000_TO_53 + bytes_t(4, 0x55));
+    const size_t addresses_end = 14 + 8 + 40;
+    const size_t ports_end = frame.size() - 4 - 8 + 4;
+
+    probe::parsed_packet_t whole = {};
+    ASSERT_EQ(parse(frame, frame.size(), &whole), verdict_t::IP);
+    const uint8_t src[16] = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xb8, 0x0d, 0x01, 0x20};
+    const uint8_t dst[16] = {3, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xb8, 0x0d, 0x01, 0x20};
+    EXPECT_EQ(whole.key.words[4] & 0xFFFFFFFFFFU, 17ULL << 32 | 53 << 16 | 5000); // ::1 is the lower address
+    for (size_t size = 0; size <= frame.size(); size++) {
+        probe::parsed_packet_t packet = {};
+        const verdict_t verdict = parse(frame, size, &packet);
+        EXPECT_EQ(verdict, size < addresses_end ? verdict_t::TRUNCATED : verdict_t::IP) << size;
+        if (verdict == verdict_t::IP) {
+            EXPECT_EQ(memcmp(packet.header.addr.ipv6.src, src, 16), 0) << size;
+            EXPECT_EQ(memcmp(packet.header.addr.ipv6.dst, dst, 16), 0) << size;
+            EXPECT_EQ(packet.header.ip_version, 6);
+            EXPECT_EQ(packet.header.timestamp, 7U);
+            EXPECT_EQ(packet.key == whole.key, size >= ports_end) << size;
+        }
+    }
+}
+
+TEST(ProbeParser, Ipv4AddressesStandLeastSignificantByteFirst)
+{
+    probe::parsed_packet_t packet = {};
+    const bytes_t frame = ipv4({}, UDP_5000_TO_53);
+    ASSERT_EQ(parse(frame, frame.size(), &packet), verdict_t::IP);
+    const uint8_t addresses[8] = {1, 0, 0, 10, 2, 0, 168, 192};
+    EXPECT_EQ(memcmp(packet.header.addr.ipv4.src, addresses, 8), 0);
+    EXPECT_EQ(packet.header.ip_version, 4);
+}
+
+TEST(ProbeParser, BothDirectionsAreOneFlowAndOtherPortsAreNot)
+{
+    const auto key = key_of(ipv4({}, UDP_5000_TO_53));
+    EXPECT_EQ(key, key_of(ipv4({.reversed = true}, UDP_53_TO_5000)));
+    EXPECT_NE(key, key_of(ipv4({.reversed = true}, UDP_5000_TO_53)));
+    EXPECT_NE(key, key_of(ipv4({.protocol = 6}, UDP_5000_TO_53)));
+    EXPECT_EQ(key_of(ipv4({.protocol = 132}, UDP_5000_TO_53)),
+              key_of(ipv4({.protocol = 132, .reversed = true}, UDP_53_TO_5000)));
+    const bytes_t echo = {8, 0, 0, 0, 0x12, 0x34};
+    const bytes_t reply = {0, 0, 0, 0, 0x12, 0x34};
+    const bytes_t other_reply = {0, 0, 0, 0, 0x12, 0x35};
+    EXPECT_EQ(key_of(ipv4({.protocol = 1}, echo)), key_of(ipv4({.protocol = 1, .reversed = true}, reply)));
+    EXPECT_NE(key_of(ipv4({.protocol = 1}, echo)), key_of(ipv4({.protocol = 1}, other_reply)));
+}
+
+TEST(ProbeParser, FragmentsAreOneFlowWithoutPorts)
+{
+    const auto first = key_of(ipv4({.fragment = 0x2000}, UDP_5000_TO_53));
+    EXPECT_EQ(first, key_of(ipv4({.fragment = 0x2010}, bytes_t(16, 0x77))));
+    EXPECT_EQ(first, key_of(ipv4({.fragment = 0x0020, .reversed = true}, bytes_t(16, 0x99))));
+    EXPECT_NE(first, key_of(ipv4({}, UDP_5000_TO_53)));
+    EXPECT_EQ(key_of(ipv4({.fragment = 0x4000}, UDP_5000_TO_53)), key_of(ipv4({}, UDP_5000_TO_53))); // DF
+
+    const auto divided = [](uint8_t offset_low) {
+        return ethernet(0x86DD) + ipv6(44, bytes_t{17, 0, 0, offset_low, 0, 0, 0, 9} + UDP_5000_TO_53);
+    };
+    EXPECT_EQ(key_of(divided(0x01)), key_of(divided(0x68)));
+    EXPECT_NE(key_of(divided(0x01)), key_of(divided(0x00)));
+    EXPECT_EQ(key_of(divided(0x00)), key_of(ethernet(0x86DD) + ipv6(17, UDP_5000_TO_53))); // not divided
+}
+
+TEST(ProbeParser, LengthFieldsBoundWhatIsRead)
+{
+    // Ethernet padding behind a packet without payload is no port.
+    EXPECT_EQ(key_of(ipv4({.total_size = 20}, UDP_5000_TO_53)),
+              key_of(ipv4({.total_size = 20}, UDP_53_TO_5000)));
+    // A length of 0 is one that the network card fills in.
+    EXPECT_EQ(key_of(ipv4({.total_size = 0}, UDP_5000_TO_53)),
+              key_of(ipv4({.total_size = 28}, UDP_5000_TO_53)));
+    // Options that reach behind the captured bytes, and a length within the header: no ports.
+    EXPECT_EQ(key_of(ipv4({.first_byte = 0x4F}, UDP_5000_TO_53)),
+              key_of(ipv4({.total_size = 3}, UDP_5000_TO_53)));
+}
+
+TEST(ProbeParser, HeadersThatAreNoIpHeadersAreNotIp)
+{
+    const std::vector<bytes_t> frames = {
+        ipv4({.first_byte = 0x65}, UDP_5000_TO_53),        // version 6 behind IPv4's type
+        ipv4({.first_byte = 0x44}, UDP_5000_TO_53),        // header of 16 bytes
+        ethernet(0x86DD) + bytes_t(60, 0x45),              // version 4 behind IPv6's type
+        ethernet(0x0806) + bytes_t(28, 0),                 // ARP
+        ethernet(0x0040) + bytes_t(64, 0x42),              // 802.3 length
+        ethernet(0x8100) + bytes_t{0, 1, 0x88, 0xCC, 0, 0} // LLDP behind a tag
+    };
+    for (const bytes_t &frame : frames) {
+        probe::parsed_packet_t packet = {};
+        EXPECT_EQ(parse(frame, frame.size(), &packet), verdict_t::NOT_IP);
+    }
+}
+
+namespace {
+
+class counting_sink_t final : public probe::packet_sink_t {
+public:
+    void take(const probe::parsed_packet_t &packet, const uint8_t * /*data*/, uint16_t length) override
+    {
+        (packet.header.ip_version == 4 ? ipv4 : ipv6)++;
+        bytes += length;
+        flows.insert(std::vector<uint64_t>(packet.key.words, packet.key.words + 5));
+    }
+
+    uint64_t ipv4 = 0;
+    uint64_t ipv6 = 0;
+    uint64_t bytes = 0;
+    std::set<std::vector<uint64_t>> flows;
+};
+
+std::string example(const std::string &name)
+{
+    return KESTRUNE_SOURCE_DIR "/examples/pcaps/" + name;
+}
+
+} // namespace
+
+// The numbers are tshark's: -Y ip, -Y ipv6, -z io,phs (bytes), -z conv,tcp (flows of the first file).
+TEST(ProbeParser, RealCapturesCountAsTsharkCountsThem)
+{
+    struct row_t {
+        const char *file;
+        uint64_t ipv4, ipv6, not_ip, bytes, flows;
+    };
+    const row_t rows[] = {{"web-dualstack-tls.pcap", 3011, 4440, 0, 2734637, 334},
+                          {"vlan-qinq-icmp.pcap", 20, 0, 6, 2440, 2},
+                          // 36 fragments, all UDP from two hosts to one group each; none has more than one
+                          {"ipv6-fragments.pcap", 0, 36, 0, 6214, 2}};
+    for (const row_t &row : rows) {
+        probe::capture_file_t file(example(row.file));
+        probe::reader_counters_t counters;
+        counting_sink_t sink;
+        probe::frame_reader_t reader(file.link_type(), &counters, &sink);
+        probe::captured_t captured = {};
+        while (file.next(&captured) == probe::capture_file_t::result_t::PACKET) {
+            reader.read(captured.data, captured.size, captured.timestamp_ns);
+        }
+        EXPECT_EQ(sink.ipv4, row.ipv4) << row.file;
+        EXPECT_EQ(sink.ipv6, row.ipv6) << row.file;
+        EXPECT_EQ(counters.not_ip.get(), row.not_ip) << row.file;
+        EXPECT_EQ(counters.truncated.get(), 0U) << row.file;
+        EXPECT_EQ(sink.bytes, row.bytes) << row.file;
+        EXPECT_EQ(sink.flows.size(), row.flows) << row.file;
+    }
+}
+
+TEST(ProbeParser, LongFramesAreClampedToWhatARecordHolds)
+{
+    probe::reader_counters_t counters;
+    counting_sink_t sink;
+    probe::frame_reader_t reader(probe::link_type_t::ETHERNET, &counters, &sink);
+    const bytes_t frame = ipv4({}, bytes_t(65536, 1));
+    reader.read(frame.data(), 65535, 1);
+    EXPECT_EQ(counters.clamped.get(), 0U);
+    reader.read(frame.data(), 65536, 1);
+    EXPECT_EQ(counters.clamped.get(), 1U);
+    EXPECT_EQ(sink.bytes, 2U * 65535);
+}
