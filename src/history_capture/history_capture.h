@@ -157,6 +157,13 @@ void hc_disable(history_capture_t *hc);
 int32_t hc_enqueue(history_capture_t *hc, const ip_addr_t *src, const ip_addr_t *dst, const uint8_t *data,
                    uint32_t length, uint64_t timestamp);
 
+// Whether packets are stored at the moment: the packet path's question before hc_enqueue, which would answer
+// HC_DISABLED.
+[[nodiscard]] inline bool hc_is_enabled(const history_capture_t *hc)
+{
+    return hc->enabled.load(std::memory_order_relaxed) != 0;
+}
+
 // Drop the oldest record. Called by hc_enqueue only, on a ring that holds one.
 void hc_delete_first(history_capture_t *hc) KS_REQUIRES_SHARED(hc->state_lock);
 

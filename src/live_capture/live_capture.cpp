@@ -43,7 +43,7 @@ int write_locked(lc_item_t *item, const packet_t &packet, time_t now)
 int offer(live_capture_t *live, const ip_addr_t *addr, uint32_t side, const packet_t &packet)
 {
     fhf_table_t *table = live->ip_table;
-    const fhf_place_t place = fhf_place_of(table, addr->bytes);
+    const fhf_place_t place = fhf_place_of_16(table, addr->bytes);
     if (!fhf_may_hold(table, place)) {
         return 0;
     }
@@ -153,8 +153,8 @@ int lc_drop_rule(live_capture_t *live, const ip_addr_t *addr)
     return item != nullptr ? LC_OK : LC_UNKNOWN;
 }
 
-int lc_filter(live_capture_t *live, const ip_addr_t *src, const ip_addr_t *dst, const uint8_t *data,
-              uint32_t length, uint64_t timestamp)
+int lc_filter_watched(live_capture_t *live, const ip_addr_t *src, const ip_addr_t *dst, const uint8_t *data,
+                      uint32_t length, uint64_t timestamp)
 {
     const packet_t packet = {data, length, timestamp};
     const int as_source = offer(live, src, SRC, packet);

@@ -122,6 +122,19 @@ plugin_private_t *start(const char *params, int32_t queue_count)
     return plugin;
 }
 
+// Offer a packet to the live capture and, where that did not take it and its flow is light, to the history.
+// Inline, so that it is compiled once for each kind of address: the hash of an IPv4 key is half known then.
+[[gnu::always_inline]] inline void offer(plugin_instance_t *instance, const host_flow_t *flow,
+                                         const host_packet_t *packet, const ip_addr_t &src,
+                                         const ip_addr_t &dst)
+{
+    const uint64_t timestamp = packet->header->timestamp;
+    if (lc_filter(instance->live, &src, &dst, packet->data, packet->length, timestamp) == 0 &&
+        flow->packets < heavy_size() && hc_is_enabled(instance->history)) {
+        hc_enqueue(instance->history, &src, &dst, packet->data, packet->length, timestamp);
+    }
+}
+
 } // namespace
 
 plugin_private_t *plugin_process_init(const char *params, const void * /*host_1*/, const void * /*host_2*/,
@@ -151,21 +164,12 @@ void plugin_process_update(plugin_instance_t *instance, const host_flow_t *flow,
         return;
     }
     const host_header_t *header = packet->header;
-    ip_addr_t src;
-    ip_addr_t dst;
     if (header->ip_version == 4) {
-        src = ip_addr_from_ipv4(header->addr.ipv4.src);
-        dst = ip_addr_from_ipv4(header->addr.ipv4.dst);
+        offer(instance, flow, packet, ip_addr_from_ipv4(header->addr.ipv4.src),
+              ip_addr_from_ipv4(header->addr.ipv4.dst));
     } else if (header->ip_version == 6) {
-        src = ip_addr_from_ipv6(header->addr.ipv6.src);
-        dst = ip_addr_from_ipv6(header->addr.ipv6.dst);
-    } else {
-        return;
-    }
-    const uint64_t timestamp = header->timestamp;
-    if (lc_filter(instance->live, &src, &dst, packet->data, packet->length, timestamp) == 0 &&
-        flow->packets < heavy_size()) {
-        hc_enqueue(instance->history, &src, &dst, packet->data, packet->length, timestamp);
+        offer(instance, flow, packet, ip_addr_from_ipv6(header->addr.ipv6.src),
+              ip_addr_from_ipv6(header->addr.ipv6.dst));
     }
 }
 

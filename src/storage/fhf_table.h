@@ -116,14 +116,26 @@ struct fhf_place_t {
     uint8_t tag; // never 0
 };
 
-inline fhf_place_t fhf_place_of(const fhf_table_t *table, const void *key)
+inline fhf_place_t fhf_place_of_hash(const fhf_table_t *table, uint64_t hash)
 {
-    const auto *bytes = static_cast<const uint8_t *>(key);
-    const auto seed = reinterpret_cast<uint64_t>(table);
-    const uint64_t hash = table->key_size == FHF_ADDRESS_SIZE ? fhf_hash_16(bytes, seed)
-                                                              : table->hash(bytes, table->key_size, seed);
     const auto tag = static_cast<uint8_t>(hash >> 56); // the row takes the lowest bits
     return {hash & (table->table_size - 1), static_cast<uint8_t>(tag == 0 ? 1 : tag)};
+}
+
+// In a table of 16-byte keys.
+inline fhf_place_t fhf_place_of_16(const fhf_table_t *table, const void *key)
+{
+    return fhf_place_of_hash(
+        table, fhf_hash_16(static_cast<const uint8_t *>(key), reinterpret_cast<uint64_t>(table)));
+}
+
+inline fhf_place_t fhf_place_of(const fhf_table_t *table, const void *key)
+{
+    if (table->key_size == FHF_ADDRESS_SIZE) {
+        return fhf_place_of_16(table, key);
+    }
+    const auto *bytes = static_cast<const uint8_t *>(key);
+    return fhf_place_of_hash(table, table->hash(bytes, table->key_size, reinterpret_cast<uint64_t>(table)));
 }
 
 // The top bit of every byte of the row's tag word that equals the tag; bytes above a match may be marked too.
