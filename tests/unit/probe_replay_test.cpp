@@ -11,6 +11,8 @@
 
 namespace {
 
+using times_t = std::vector<uint64_t>;
+
 class ProbeReplayClock : public testing::Test {
 protected:
     probe::replay_clock_t clock(const probe::replay_mode_t &mode)
@@ -19,22 +21,18 @@ protected:
     }
 
     // Timestamps of one file's packets.
-    static std::vector<uint64_t> play(probe::replay_clock_t *clock, const std::vector<uint64_t> &recorded)
+    static times_t play(probe::replay_clock_t *clock, times_t recorded)
     {
         clock->file_begins();
-        std::vector<uint64_t> timestamps;
-        timestamps.reserve(recorded.size());
-        for (const uint64_t time : recorded) {
-            timestamps.push_back(clock->next(time).timestamp_ns);
+        for (uint64_t &time : recorded) {
+            time = clock->next(time).timestamp_ns;
         }
-        return timestamps;
+        return recorded;
     }
 
     uint64_t wall = 5'000'000;
     uint64_t monotonic = 100;
 };
-
-using times_t = std::vector<uint64_t>;
 
 } // namespace
 
@@ -48,13 +46,15 @@ TEST_F(ProbeReplayClock, PlainTimestampsAreTheRecordedOnes)
 
 TEST_F(ProbeReplayClock, LoopedTimestampsKeepRisingWithTheirDistances)
 {
+    const std::pair<times_t, times_t> files[] = {
+        {{10000, 10300}, {10000, 10300}}, {{50000, 50100}, {50000, 50100}}, // the gap between files stays
+        {{10000, 10300}, {51100, 51400}}, {{50000, 50100}, {91100, 91200}},
+        {{10000, 10300}, {92200, 92500}}, {{9000, 9001}, {93500, 93501}}, // recorded before the one in front
+    };
     auto looped = clock({.speed = 0, .looped = true});
-    EXPECT_EQ(play(&looped, {10000, 10300}), (times_t{10000, 10300}));
-    EXPECT_EQ(play(&looped, {50000, 50100}), (times_t{50000, 50100})); // the gap between files stays
-    EXPECT_EQ(play(&looped, {10000, 10300}), (times_t{51100, 51400}));
-    EXPECT_EQ(play(&looped, {50000, 50100}), (times_t{91100, 91200}));
-    EXPECT_EQ(play(&looped, {10000, 10300}), (times_t{92200, 92500}));
-    EXPECT_EQ(play(&looped, {9000, 9001}), (times_t{93500, 93501})); // recorded before the one in front of it
+    for (const auto &[recorded, expected] : files) {
+        EXPECT_EQ(play(&looped, recorded), expected);
+    }
 }
 
 TEST_F(ProbeReplayClock, RebasedTimestampsBeginNowAndFollowThePace)
