@@ -14,14 +14,14 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-from fake_probe import ADD, DETAIL, INFO, FakeProbe, key_of  # noqa: E402
+from fake_probe import ADD, DETAIL, INFO, LIST, FakeProbe, key_of  # noqa: E402
 
 PROGRAM = os.environ["KESTRUNECTL"]
 LIMIT = 60  # seconds that no call may take
 
 
 def start(*arguments, **options):
-    environment = {**os.environ, "TERM": "xterm", **options.pop("env", {})}
+    environment = {**os.environ, "TERM": "xterm"}
     options.setdefault("stdout", subprocess.PIPE)
     options.setdefault("stderr", subprocess.PIPE)
     return subprocess.Popen([PROGRAM, *arguments], text=True, env=environment, **options)
@@ -174,6 +174,13 @@ class Commands(WithProbe):
             self.assertEqual([json.loads(line)["ok"] for line in out.splitlines()], [False, True, True])
             status, _, err = ctl("-s", gone.name, *both)
             self.assertIn(gone.name, err)
+
+    def test_an_unanswered_request_is_interrupted(self):
+        self.probe.silent.add(LIST)
+        process = start("-s", self.probe.name, "list")
+        self.probe.wait(lambda: (LIST, 3) in self.probe.requests)
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(finish(process)[0], 130)
 
     def test_a_closed_output_is_a_failure_without_noise(self):
         reader, writer = os.pipe()

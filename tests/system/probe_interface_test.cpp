@@ -94,14 +94,14 @@ TEST_P(ProbeInterfaceQueues, EveryPacketArrivesOnceAndConnectionsStayTogether)
     EXPECT_EQ(counter(capture.out(), "kernel_dropped"), 0);
     EXPECT_EQ(counter(capture.out(), "not_ip"), 6);
 
-    std::vector<expected_t> expected = read_expected(example("web-dualstack-tls.pcap"));
-    const std::vector<expected_t> tagged = read_expected(example("vlan-qinq-icmp.pcap"));
+    std::vector<packet_t> expected = read_expected(example("web-dualstack-tls.pcap"));
+    const std::vector<packet_t> tagged = read_expected(example("vlan-qinq-icmp.pcap"));
     expected.insert(expected.end(), tagged.begin(), tagged.end());
-    const std::vector<handed_t> packets = read_handed(dir.path("handed"), queues);
+    const std::vector<packet_t> packets = read_handed(dir.path("handed"), queues);
     EXPECT_EQ(identities(packets), identities(expected)); // tags included: the bytes are compared
-    std::vector<handed_t> connections;
+    std::vector<packet_t> connections;
     std::map<uint32_t, uint64_t> newest;
-    for (const handed_t &packet : packets) {
+    for (const packet_t &packet : packets) {
         EXPECT_LE(newest[packet.queue], packet.timestamp);
         newest[packet.queue] = packet.timestamp;
         if (packet.src.find("10.") != 0) { // the tagged file holds no TCP

@@ -30,20 +30,6 @@ std::string hash_text(const char *data, size_t size)
     return text;
 }
 
-template <class Packet>
-std::vector<std::string> identities_of(const std::vector<Packet> &packets)
-{
-    std::vector<std::string> texts;
-    for (const Packet &packet : packets) {
-        if (!packet.src.empty()) {
-            texts.push_back(packet.src + " " + packet.dst + " " + std::to_string(packet.length) + " " +
-                            packet.hash);
-        }
-    }
-    std::sort(texts.begin(), texts.end());
-    return texts;
-}
-
 std::string field(std::istringstream *line)
 {
     std::string text;
@@ -63,15 +49,15 @@ std::string built(const std::string &name)
     return KESTRUNE_BUILD_DIR "/" + name;
 }
 
-std::vector<handed_t> read_handed(const std::string &path, uint32_t queues)
+std::vector<packet_t> read_handed(const std::string &path, uint32_t queues)
 {
-    std::vector<handed_t> packets;
+    std::vector<packet_t> packets;
     for (uint32_t queue = 0; queue < queues; queue++) {
         std::istringstream text(read_text(path + "." + std::to_string(queue)));
         std::string line;
         while (std::getline(text, line)) {
             std::istringstream fields(line);
-            handed_t packet = {};
+            packet_t packet = {};
             packet.queue = queue;
             fields >> packet.src >> packet.dst >> packet.length >> packet.timestamp >> packet.counter >>
                 packet.hash;
@@ -82,7 +68,7 @@ std::vector<handed_t> read_handed(const std::string &path, uint32_t queues)
     return packets;
 }
 
-std::vector<expected_t> read_expected(const std::string &file)
+std::vector<packet_t> read_expected(const std::string &file)
 {
     const std::string bytes = read_text(file);
     child_process_t tshark({"tshark", "-n", "-r", file, "-T", "fields", "-E", "separator=|", "-e", "ip.src",
@@ -91,12 +77,12 @@ std::vector<expected_t> read_expected(const std::string &file)
         throw std::runtime_error("cannot read " + file + ": " + tshark.err());
     }
     std::istringstream lines(tshark.out());
-    std::vector<expected_t> packets;
+    std::vector<packet_t> packets;
     for (size_t at = 24; at < bytes.size(); at += 16 + packets.back().length) {
         std::string text;
         std::getline(lines, text);
         std::istringstream line(text);
-        expected_t packet = {};
+        packet_t packet = {};
         packet.src = field(&line);
         packet.src += field(&line);
         packet.dst = field(&line);
@@ -110,33 +96,32 @@ std::vector<expected_t> read_expected(const std::string &file)
     return packets;
 }
 
-std::vector<std::string> identities(const std::vector<handed_t> &packets)
+std::vector<std::string> identities(const std::vector<packet_t> &packets)
 {
-    return identities_of(packets);
+    std::vector<std::string> texts;
+    for (const packet_t &packet : packets) {
+        if (!packet.src.empty()) {
+            texts.push_back(packet.src + " " + packet.dst + " " + std::to_string(packet.length) + " " +
+                            packet.hash);
+        }
+    }
+    std::sort(texts.begin(), texts.end());
+    return texts;
 }
 
-std::vector<std::string> identities(const std::vector<expected_t> &packets)
-{
-    return identities_of(packets);
-}
-
-size_t check_connections(const std::vector<handed_t> &handed, const std::vector<expected_t> &expected)
+size_t check_connections(const std::vector<packet_t> &handed, const std::vector<packet_t> &expected)
 {
     std::map<std::string, std::string> stream_of;
-    for (const expected_t &packet : expected) {
+    for (const packet_t &packet : expected) {
         stream_of[packet.hash] = packet.stream;
     }
-    struct seen_t {
-        uint32_t queue;
-        uint32_t packets;
-    };
-    std::map<std::string, seen_t> seen;
+    std::map<std::string, std::pair<uint32_t, uint32_t>> seen; // queue and packets
     std::set<uint32_t> queues;
-    for (const handed_t &packet : handed) {
-        seen_t &connection = seen.try_emplace(stream_of[packet.hash], seen_t{packet.queue, 0}).first->second;
-        EXPECT_EQ(connection.queue, packet.queue) << "connection " << stream_of[packet.hash];
-        EXPECT_EQ(connection.packets, packet.counter) << "connection " << stream_of[packet.hash];
-        connection.packets++;
+    for (const packet_t &packet : handed) {
+        const std::string &stream = stream_of[packet.hash];
+        auto &[queue, packets] = seen.try_emplace(stream, packet.queue, 0).first->second;
+        EXPECT_EQ(queue, packet.queue) << "connection " << stream;
+        EXPECT_EQ(packets++, packet.counter) << "connection " << stream;
         queues.insert(packet.queue);
     }
     return queues.size();

@@ -3,9 +3,9 @@
 #include "system/probe_support.h"
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -19,9 +19,8 @@ constexpr const char *TAGGED = "vlan-qinq-icmp.pcap"; // 20 IP packets of 26, 35
 
 uint64_t now_ns()
 {
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+    return static_cast<uint64_t>(
+        std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count());
 }
 
 class Probe : public testing::Test {
@@ -34,7 +33,7 @@ protected:
         return argv;
     }
 
-    std::vector<handed_t> handed(uint32_t queues = 1) const
+    std::vector<packet_t> handed(uint32_t queues = 1) const
     {
         return read_handed(dir.path("handed"), queues);
     }
@@ -43,6 +42,11 @@ protected:
     {
         std::ofstream(dir.path(name), std::ios::binary) << bytes;
         return dir.path(name);
+    }
+
+    void await_start(const child_process_t &probe) const
+    {
+        ASSERT_TRUE(wait_until([&] { return probe.err().find("witness: started") != std::string::npos; }));
     }
 
     // Run to the end; the exit status.
@@ -96,29 +100,29 @@ TEST_P(ProbeQueues, ReplayHandsOverExactlyTheIpPacketsOfTheFile)
     ASSERT_EQ(
         run({"-r", example(WEB), "-q", std::to_string(queues), "--speed", "0", "--idle-timeout", "1000"}), 0);
     EXPECT_EQ(err, "");
-    const std::vector<expected_t> expected = read_expected(example(WEB));
-    const std::vector<handed_t> packets = handed(queues);
+    const std::vector<packet_t> expected = read_expected(example(WEB));
+    const std::vector<packet_t> packets = handed(queues);
     EXPECT_EQ(identities(packets), identities(expected));
     EXPECT_EQ(check_connections(packets, expected), queues);
     EXPECT_EQ(counter(out, "read"), 7451);
     EXPECT_EQ(counter(out, "handed_on"), 7451);
     EXPECT_EQ(counter(out, "flows"), 334);
-    for (const handed_t &packet : packets) {
+    for (const packet_t &packet : packets) {
         EXPECT_EQ(packet.rest, ""); // always the queue's own thread
     }
     if (queues == 1) {
         EXPECT_TRUE(
             std::equal(packets.begin(), packets.end(), expected.begin(), expected.end(),
-                       [](const handed_t &a, const expected_t &b) { return a.timestamp == b.timestamp; }));
+                       [](const packet_t &a, const packet_t &b) { return a.timestamp == b.timestamp; }));
     }
 }
-INSTANTIATE_TEST_SUITE_P(Queues, ProbeQueues, testing::Values(1, 2, 4));
+INSTANTIATE_TEST_SUITE_P(Queues, ProbeQueues, testing::Values(1, 4));
 
 TEST_F(Probe, LoopedTimestampsRiseAndFilesAreReadInOrder)
 {
     ASSERT_EQ(
         run({"-r", example(TAGGED), "-r", example("ipv6-fragments.pcap"), "--loop", "3", "--speed", "0"}), 0);
-    const std::vector<handed_t> packets = handed();
+    const std::vector<packet_t> packets = handed();
     ASSERT_EQ(packets.size(), 3 * (20U + 36U));
     EXPECT_EQ(counter(out, "not_ip"), 3 * 6);
     for (size_t i = 1; i < packets.size(); i++) {
@@ -134,14 +138,14 @@ TEST_F(Probe, RebasedReplayKeepsThePaceFromNow)
     const uint64_t before = now_ns();
     ASSERT_EQ(run({"-r", example(TAGGED), "--rebase", "--speed", "100", "-q", "2"}), 0);
     const uint64_t after = now_ns();
-    std::vector<handed_t> packets = handed(2);
+    std::vector<packet_t> packets = handed(2);
     ASSERT_EQ(packets.size(), 20U);
     std::sort(packets.begin(), packets.end(),
-              [](const handed_t &a, const handed_t &b) { return a.timestamp < b.timestamp; });
+              [](const packet_t &a, const packet_t &b) { return a.timestamp < b.timestamp; });
     EXPECT_GE(packets.front().timestamp, before);
     // Between the file's first and last IP packet lie 19.020 s.
     ASSERT_EQ(run({"-r", example(TAGGED), "--speed", "0"}), 0);
-    const std::vector<handed_t> recorded = handed();
+    const std::vector<packet_t> recorded = handed();
     const uint64_t distance = (recorded.back().timestamp - recorded.front().timestamp) / 100;
     EXPECT_NEAR(static_cast<double>(packets.back().timestamp - packets.front().timestamp),
                 static_cast<double>(distance), 2);
@@ -154,7 +158,7 @@ TEST_F(Probe, NanosecondsAndOtherLinkTypesAreRead)
     const std::string nano = pcap_header(0xA1B23C4D, 1) + record(5, 123456789, IPV4_FRAME);
     const std::string raw = pcap_header(0xA1B2C3D4, 101) + record(6, 7, IPV4_PACKET);
     ASSERT_EQ(run({"-r", write("nano.pcap", nano), "-r", write("raw.pcap", raw), "--speed", "0"}), 0) << err;
-    const std::vector<handed_t> packets = handed();
+    const std::vector<packet_t> packets = handed();
     ASSERT_EQ(packets.size(), 2U);
     EXPECT_EQ(packets[0].timestamp, 5123456789U);
     EXPECT_EQ(packets[1].timestamp, 6000007000U);
@@ -162,18 +166,6 @@ TEST_F(Probe, NanosecondsAndOtherLinkTypesAreRead)
     EXPECT_EQ(packets[1].length, IPV4_FRAME.size());
     EXPECT_EQ(packets[1].src, "10.0.0.1");
     EXPECT_EQ(packets[1].counter, 1U); // the same flow
-}
-
-TEST_F(Probe, PcapngFilesAreRead)
-{
-    if (!program_exists("editcap")) {
-        GTEST_SKIP() << "editcap is missing";
-    }
-    ASSERT_EQ(child_process_t({"editcap", "-F", "pcapng", example(TAGGED), dir.path("ng")}).wait(), 0);
-    ASSERT_EQ(run({"-r", dir.path("ng"), "--speed", "0"}), 0) << err;
-    const std::vector<std::string> from_pcapng = identities(handed());
-    ASSERT_EQ(run({"-r", example(TAGGED), "--speed", "0"}), 0);
-    EXPECT_EQ(from_pcapng, identities(handed()));
 }
 
 TEST_F(Probe, AFileThatEndsInACutRecordIsReadUpToIt)
@@ -256,7 +248,7 @@ TEST_P(ProbeQueues, APipeThatPausesHoldsNeitherPacketsNorAStopBack)
     child_process_t probe(command({"-r", path, "--speed", "0", "-q", std::to_string(GetParam()), "-v"}));
     const auto fed = static_cast<ssize_t>(bytes.size() - 3); // up to the middle of the last of 26 records
     ASSERT_EQ(::write(pipe, bytes.data(), static_cast<size_t>(fed)), fed);
-    ASSERT_TRUE(wait_until([&] { return probe.err().find("witness: started") != std::string::npos; }));
+    await_start(probe);
     EXPECT_TRUE(wait_until([&] {
         probe.signal(SIGUSR1);
         return counter(probe.out(), "read") == 25 &&
@@ -271,7 +263,7 @@ TEST_P(ProbeQueues, APipeThatPausesHoldsNeitherPacketsNorAStopBack)
 TEST_F(Probe, StayAndDelayServeUntilStopped)
 {
     child_process_t stays(command({"-r", example(TAGGED), "--speed", "0", "--stay", "-v", "3"}));
-    ASSERT_TRUE(wait_until([&] { return stays.err().find("witness: started") != std::string::npos; }));
+    await_start(stays);
     ASSERT_TRUE(wait_until([&] {
         stays.signal(SIGUSR1);
         return counter(stays.out(), "handed_on") == 20;
@@ -281,7 +273,7 @@ TEST_F(Probe, StayAndDelayServeUntilStopped)
     EXPECT_NE(stays.err().find(" INFO(1) witness: started with 1 queues\n"), std::string::npos);
 
     child_process_t waits(command({"-r", example(TAGGED), "--speed", "0", "--delay", "1000", "-v"}));
-    ASSERT_TRUE(wait_until([&] { return waits.err().find("witness: started") != std::string::npos; }));
+    await_start(waits);
     waits.signal(SIGINT);
     EXPECT_EQ(waits.wait(), 0);
     EXPECT_EQ(counter(waits.out(), "read"), 0);
