@@ -247,7 +247,15 @@ TEST(Channel, NoUpdateLandsInAReplyThatWaitsForRoom)
     EXPECT_FALSE(msg_channel_update(&connection.channel, &part, 1, 1));
     EXPECT_EQ(connection.client.receive(reply.size()), reply);
     handler.join();
-    EXPECT_TRUE(msg_channel_update(&connection.channel, &part, 1, 1));
+    const auto update_between = [&](bool waits) { // with room in the way
+        mutex_lock(&connection.channel.lock);
+        connection.channel.mid_message = waits;
+        mutex_unlock(&connection.channel.lock);
+        return msg_channel_update(&connection.channel, &part, 1, 1);
+    };
+    EXPECT_FALSE(update_between(true));
+    EXPECT_TRUE(connection.client.is_quiet());
+    EXPECT_TRUE(update_between(false));
     EXPECT_EQ(connection.client.receive(1), "u");
 }
 
