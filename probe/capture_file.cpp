@@ -10,10 +10,19 @@ namespace {
 
 constexpr uint64_t NS_PER_S = 1'000'000'000;
 
-pcap_t *open_file(const std::string &path)
+pcap_t *open_file(const std::string &path, pipe_input_t *pipe)
 {
     char error[PCAP_ERRBUF_SIZE] = "";
-    pcap_t *pcap = pcap_open_offline_with_tstamp_precision(path.c_str(), PCAP_TSTAMP_PRECISION_NANO, error);
+    pcap_t *pcap = nullptr;
+    if (pipe == nullptr) {
+        pcap = pcap_open_offline_with_tstamp_precision(path.c_str(), PCAP_TSTAMP_PRECISION_NANO, error);
+    } else {
+        FILE *stream = pipe->stream();
+        pcap = pcap_fopen_offline_with_tstamp_precision(stream, PCAP_TSTAMP_PRECISION_NANO, error);
+        if (pcap == nullptr) {
+            fclose(stream);
+        }
+    }
     if (pcap == nullptr) {
         const std::string text = error;
         // libpcap begins some of its texts with the file's name.
@@ -22,12 +31,18 @@ pcap_t *open_file(const std::string &path)
     return pcap;
 }
 
+std::unique_ptr<pipe_input_t> open_pipe(const std::string &path, const stop_event_t &stop,
+                                        packet_sink_t *sink)
+{
+    return is_pipe(path) ? std::make_unique<pipe_input_t>(path, stop, sink) : nullptr;
+}
+
 // One file of one pass.
 class file_replay_t {
 public:
     file_replay_t(const std::string &path, const stop_event_t &stop, reader_counters_t *counters,
                   packet_sink_t *sink)
-        : file_(path), reader_(file_.link_type(), counters, sink), stop_(stop), sink_(sink)
+        : file_(path, stop, sink), reader_(file_.link_type(), counters, sink), stop_(stop), sink_(sink)
     {
     }
 
@@ -43,7 +58,7 @@ public:
             }
             reader_.read(captured.data, captured.size, due.timestamp_ns);
         }
-        return result;
+        return stop_.requested() ? capture_file_t::result_t::END : result;
     }
 
 private:
@@ -62,9 +77,31 @@ private:
     packet_sink_t *sink_; // borrowed
 };
 
+// Null when a stop came before the file's link type.
+std::unique_ptr<file_replay_t> open_replay(const std::string &path, const stop_event_t &stop,
+                                           reader_counters_t *counters, packet_sink_t *sink)
+{
+    try {
+        return std::make_unique<file_replay_t>(path, stop, counters, sink);
+    } catch (const error_t &) {
+        if (stop.requested()) {
+            return nullptr;
+        }
+        throw;
+    }
+}
+
 } // namespace
 
-capture_file_t::capture_file_t(const std::string &path) : path_(path), pcap_(open_file(path), &pcap_close)
+capture_file_t::capture_file_t(const std::string &path) : capture_file_t(path, nullptr) {}
+
+capture_file_t::capture_file_t(const std::string &path, const stop_event_t &stop, packet_sink_t *sink)
+    : capture_file_t(path, open_pipe(path, stop, sink))
+{
+}
+
+capture_file_t::capture_file_t(const std::string &path, std::unique_ptr<pipe_input_t> pipe)
+    : path_(path), pipe_(std::move(pipe)), pcap_(open_file(path, pipe_.get()), &pcap_close)
 {
     link_type_ = link_type_of(pcap_datalink(pcap_.get()), path);
 }
@@ -78,6 +115,9 @@ capture_file_t::result_t capture_file_t::next(captured_t *out)
         return result_t::END;
     }
     if (status != 1) {
+        if (pipe_) {
+            pipe_->rethrow();
+        }
         FILE *stream = pcap_file(pcap_.get());
         if (feof(stream) != 0 && ferror(stream) == 0) {
             return result_t::CUT;
@@ -97,8 +137,8 @@ void replay_files(const replay_options_t &options, const stop_event_t &stop, rea
     for (uint64_t pass = 0; options.passes == 0 || pass < options.passes; pass++) {
         const uint64_t read_before = counters->read.get();
         for (const std::string &path : options.files) {
-            file_replay_t replay(path, stop, counters, sink);
-            if (replay.run(&clock) == capture_file_t::result_t::CUT && pass == 0) {
+            const auto replay = open_replay(path, stop, counters, sink);
+            if (replay && replay->run(&clock) == capture_file_t::result_t::CUT && pass == 0) {
                 log_warning("%s ends in a cut record; read up to it", path.c_str());
             }
         }

@@ -6,6 +6,7 @@
 #include "probe/counters.h"
 #include "probe/link_type.h"
 #include "probe/packet_sink.h"
+#include "probe/pipe_input.h"
 #include "probe/replay_clock.h"
 #include "probe/stop_event.h"
 
@@ -25,9 +26,12 @@ struct captured_t {
 
 class capture_file_t {
 public:
-    // Open a file; "-" is standard input. Throws error_t when it cannot be opened, is no capture file, or has
-    // a link type that cannot be read.
+    // Open a file. Throws error_t when it cannot be opened, is no capture file, or has a link type that
+    // cannot be read.
     explicit capture_file_t(const std::string &path);
+    // The same for a pipe, "-" being standard input. A stop ends the file early, if need be in a cut record;
+    // before the link type was read it throws error_t.
+    capture_file_t(const std::string &path, const stop_event_t &stop, packet_sink_t *sink);
 
     enum class result_t : uint8_t {
         PACKET,
@@ -39,7 +43,10 @@ public:
     link_type_t link_type() const { return link_type_; }
 
 private:
+    capture_file_t(const std::string &path, std::unique_ptr<pipe_input_t> pipe);
+
     std::string path_;
+    std::unique_ptr<pipe_input_t> pipe_; // null: a regular file. Read by pcap_, which ends before it
     std::unique_ptr<pcap_t, decltype(&pcap_close)> pcap_;
     link_type_t link_type_ = link_type_t::ETHERNET;
 };

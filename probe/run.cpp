@@ -4,6 +4,7 @@
 #include "probe/error.h"
 #include "probe/log.h"
 #include "probe/packet_queue.h"
+#include "probe/pipe_input.h"
 #include "probe/plugin_module.h"
 #include "probe/signals.h"
 
@@ -123,7 +124,7 @@ private:
             captures_ = interface_capture_t::open(options_.interface);
         }
         for (const std::string &path : options_.replay.files) {
-            if (path != "-") {
+            if (!is_pipe(path)) { // what a pipe gave would be gone
                 const capture_file_t file(path);
             }
         }

@@ -130,6 +130,13 @@ uint8_t *detach_ring(history_capture_t *hc, uint64_t *size)
 bool begin_stop(history_capture_t *hc)
 {
     rwlock_write(&hc->state_lock);
+    while (hc->searching != 0) {
+        // The run has begun and not yet taken the lock for its walk. The packet thread may stay inside the
+        // gate until that walk goes on: closing the gate now would wait for it forever.
+        rwlock_write_unlock(&hc->state_lock);
+        sched_yield();
+        rwlock_write(&hc->state_lock);
+    }
     gate_close(hc);
     const bool was_enabled = hc->enabled != 0;
     if (was_enabled) {

@@ -11,6 +11,7 @@
 #include "support/pcap_read.h"
 #include "support/test_host.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstring>
 #include <fcntl.h>
@@ -167,8 +168,8 @@ struct connection_t {
         server = stream_t(accept4(port.fd, nullptr, nullptr, SOCK_CLOEXEC));
         msg_channel_open(&channel, server.fd);
     }
-    // Leave no room in the way to the client. Room comes back as long as bytes move on to the receiver, so it is
-    // gone when nothing was taken for a while.
+    // Leave no room in the way to the client. Room comes back as long as bytes move on to the receiver, so it
+    // is gone when nothing was taken for a while.
     void fill() const
     {
         const std::string bytes(4096, 'x');
@@ -295,6 +296,7 @@ public:
         msg_ip_list_item_t *items = nullptr;
         const int32_t count = rm_address_list(&rm, filter, &items);
         std::vector<std::pair<int, int>> found;
+        found.reserve(static_cast<size_t>(std::max(count, 0)));
         for (int32_t i = 0; i < count; i++) {
             found.emplace_back(items[i].addr.bytes[4], items[i].direction);
         }

@@ -119,6 +119,18 @@ TEST(Load, AStalledClientIsLeftAfterFiveSeconds)
         at += head == list ? 34008 : head == later ? 34025 : 25;
     }
     EXPECT_GT(at, 0U);
+
+    // The next one is still being waited for when the server stops.
+    const stream_t waited_for = server.connect_client();
+    waited_for.send_bytes(requests);
+    EXPECT_TRUE(wait_until([&] { // no further request is read
+        const int before = test_host::count("Received header");
+        poll(nullptr, 0, 200);
+        return test_host::count("Received header") == before;
+    }));
+    const auto stopping = clock_t_::now();
+    server.stop();
+    EXPECT_LE(ms_since(stopping), 2000);
 }
 
 TEST(Load, NothingPilesUpOverManyConnections)

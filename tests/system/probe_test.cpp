@@ -6,8 +6,11 @@
 #include <csignal>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -242,6 +245,27 @@ TEST_P(ProbeQueues, SignalsPrintCountersAndStopCleanly)
     EXPECT_EQ(probe.err(), "");
     EXPECT_EQ(counter(probe.out(), "handed_on"), static_cast<int64_t>(handed(GetParam()).size()));
     EXPECT_EQ(counter(probe.out(), "read"), counter(probe.out(), "handed_on"));
+}
+
+TEST_P(ProbeQueues, APipeThatPausesHoldsNeitherPacketsNorAStopBack)
+{
+    const std::string bytes = read_text(example(TAGGED));
+    const std::string path = dir.path("pipe");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const int pipe = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    child_process_t probe(command({"-r", path, "--speed", "0", "-q", std::to_string(GetParam()), "-v"}));
+    const auto fed = static_cast<ssize_t>(bytes.size() - 3); // up to the middle of the last of 26 records
+    ASSERT_EQ(::write(pipe, bytes.data(), static_cast<size_t>(fed)), fed);
+    ASSERT_TRUE(wait_until([&] { return probe.err().find("witness: started") != std::string::npos; }));
+    EXPECT_TRUE(wait_until([&] {
+        probe.signal(SIGUSR1);
+        return counter(probe.out(), "read") == 25 &&
+               counter(probe.out(), "handed_on") + counter(probe.out(), "not_ip") == 25;
+    })) << probe.out();
+    probe.signal(SIGTERM);
+    EXPECT_EQ(probe.wait(), 0);
+    EXPECT_EQ(probe.err().find("WARNING"), std::string::npos) << probe.err();
+    close(pipe);
 }
 
 TEST_F(Probe, StayAndDelayServeUntilStopped)

@@ -186,7 +186,7 @@ TEST(History, IsTurnedOnAsFarAsTheQueuesAllow)
     const std::string info = client.ask(request(4, 6), 48);
     EXPECT_EQ(info.substr(0, 12), hex("00 09 05 00 03 00 00 00 02 00 00 00"));
     EXPECT_EQ(info.substr(32, 8), little_endian(3 * 1048576, 8));
-    EXPECT_EQ(info.substr(40, 8), little_endian(3 * 1048576 - 2 * (HC_RECORD_HEADER + 4), 8));
+    EXPECT_EQ(info.substr(40, 8), little_endian(3 * 1048576 - uint64_t{2} * (HC_RECORD_HEADER + 4), 8));
 }
 
 TEST(Slots, The129thClientIsTurnedAwayAndTheLowestFreeSlotIsUsedNext)

@@ -405,18 +405,20 @@ TEST(Script, HearsAnyNameAsItIsAndTheShellRunsNothingOfIt)
          {"web", "with blanks  two", "quote\"d 'x'", "$(touch hit)", "`touch hit`", "$HOME", "back\\slash\\",
           "new\nline", "!! * ? ~ ; & | > hit #", "-n", "\xff\xc3\xa4"}) {
         registry_t registry(2, 10000);
-        registry.set_script("printf '%s\\0' \"$#\" \"$@\" > " + registry.scripts.path("arguments"));
+        const std::string arguments = registry.scripts.path("arguments");
+        registry.set_script(std::string("printf '%s\\0' \"$#\" \"$@\" > ").append(arguments));
         finish_rule_named(&registry, name);
-        const std::string live = registry.directory + name + "_0";
-        std::string expected = "2";
-        expected += '\0' + live + '\0' + live + "_hc_0," + live + "_hc_1" + '\0';
-        EXPECT_EQ(content(registry.scripts.path("arguments")), expected) << name;
+        std::ostringstream live;
+        std::ostringstream both;
+        std::ostringstream command;
+        live << registry.directory << name << "_0";
+        both << live.str() << "_hc_0," << live.str() << "_hc_1";
+        command << "kestrune: Calling script: bash " << ks_capture_script << " \"" << live.str() << "\" \""
+                << both.str() << '"';
+        EXPECT_EQ(content(arguments),
+                  (std::ostringstream() << '2' << '\0' << live.str() << '\0' << both.str() << '\0').str());
         EXPECT_FALSE(registry.exists("hit") || std::filesystem::exists("hit"));
-        if (name == "web") {
-            EXPECT_TRUE(test_host::logged("kestrune: Calling script: bash " +
-                                          registry.scripts.path("script") + " \"" + live + "\" \"" + live +
-                                          "_hc_0," + live + "_hc_1\""));
-        }
+        EXPECT_TRUE(name != "web" || test_host::logged(command.str()));
         for (const test_host::message_t &message : test_host::messages()) {
             EXPECT_EQ(message.text.find('\n'), std::string::npos) << message.text;
         }
