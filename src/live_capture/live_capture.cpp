@@ -129,12 +129,15 @@ int lc_change_direction(live_capture_t *live, const ip_addr_t *addr, uint32_t di
     return LC_OK;
 }
 
-int lc_drop_rule(live_capture_t *live, const ip_addr_t *addr)
+int lc_drop_rule(live_capture_t *live, const ip_addr_t *addr, uint32_t *packets)
 {
     const int cancel_state = thread_cancel_suspend();
     fhf_lock_t *row;
     const lc_item_t *item = lc_find_locked(live, addr, &row);
     if (item != nullptr) {
+        if (packets != nullptr) {
+            *packets = item->packets;
+        }
         close(item->fd);
         if (fhf_remove_locked(live->ip_table, addr->bytes, row) != FHF_OK) {
             KS_ERROR("kestrune: Live_capture: Failed removing rule");

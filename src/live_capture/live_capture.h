@@ -81,8 +81,9 @@ void lc_clean_table(fhf_table_t *table);
 // Match this direction only from now on. LC_OK or LC_UNKNOWN.
 [[nodiscard]] int lc_change_direction(live_capture_t *live, const ip_addr_t *addr, uint32_t direction);
 
-// Close the file and forget the address. LC_OK or LC_UNKNOWN.
-[[nodiscard]] int lc_drop_rule(live_capture_t *live, const ip_addr_t *addr);
+// Close the file and forget the address. LC_OK, with the records in the file in *packets unless that is null;
+// or LC_UNKNOWN.
+[[nodiscard]] int lc_drop_rule(live_capture_t *live, const ip_addr_t *addr, uint32_t *packets = nullptr);
 
 // Offer one packet (`length` bytes at `data`, timestamp in nanoseconds since the epoch) on the packet path.
 // 1 when it was written to at least one file, else 0. An unwatched packet takes no lock, writes nothing that
