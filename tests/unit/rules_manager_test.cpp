@@ -1,8 +1,10 @@
 #include "common/printable.h"
+#include "common/thread.h"
 #include "rules_manager/capture_script.h"
 #include "support/control_fixture.h"
 #include "support/fault.h"
 
+#include <atomic>
 #include <fstream>
 #include <signal.h>
 #include <sstream>
@@ -166,6 +168,32 @@ TEST(Rules, ListSelectsByDirectionNewestFirstAndDetailTellsTheLiveCapture)
     EXPECT_EQ(registry.detail(2, &detail), RM_UNKNOWN); // has no live capture
     EXPECT_EQ(registry.detail(4, &detail), RM_UNKNOWN);
     EXPECT_EQ(detail.fixed.packet_limit, 0U);
+}
+
+TEST(Rules, LookUpsWithoutEndDoNotKeepAnAddWaiting)
+{
+    registry_t registry;
+    for (uint32_t i = 0; i < 3000; i++) {
+        ASSERT_EQ(registry.add(i, BOTH, 0, 0, "rule"), RM_OK);
+    }
+    std::atomic<bool> added{false};
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    std::vector<std::thread> readers(16);
+    for (std::thread &reader : readers) {
+        reader = std::thread([&] {
+            rm_detail_t detail;
+            while (!added && std::chrono::steady_clock::now() < give_up) {
+                (void)registry.detail(5000, &detail);
+            }
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // lets them overlap, decides nothing
+    EXPECT_EQ(registry.add(5001, BOTH, 0, 0, "rule"), RM_OK);
+    EXPECT_LT(std::chrono::steady_clock::now(), give_up);
+    added = true;
+    for (std::thread &reader : readers) {
+        reader.join();
+    }
 }
 
 TEST(Clients, RegistrationsAreCountedAndFreedSlotsUsedAgain)
@@ -477,6 +505,41 @@ TEST(Script, RunsWithNoSignalBlockedAndIsKilledWithItsChildrenWhenTheMonitorStop
         }));
     }
     EXPECT_GT(pid, 0);
+}
+
+struct run_t {
+    std::string command;
+    pid_t running;
+};
+
+void kill_run(void *run)
+{
+    rm_kill_command(static_cast<run_t *>(run)->running);
+}
+
+void *run_command(void *argument)
+{
+    auto *run = static_cast<run_t *>(argument);
+    thread_begin("test");
+    pthread_cleanup_push(kill_run, run);
+    EXPECT_EQ(rm_run_command(run->command.c_str(), &run->running), -2) << "not stopped";
+    pthread_cleanup_pop(0);
+    return nullptr;
+}
+
+TEST(Script, IsKilledInWhateverProcessGroupItIs)
+{
+    const temp_dir_t directory;
+    const std::string moved = directory.path("moved");
+    run_t run = {"exec python3 -c 'import os, time; os.setpgid(0, os.getpgid(os.getppid())); open(\"" +
+                     moved + "\", \"w\"); time.sleep(60)'",
+                 0};
+    pthread_t thread;
+    ASSERT_EQ(thread_start(&thread, run_command, &run), 0);
+    EXPECT_TRUE(wait_until([&] { return std::filesystem::exists(moved); }));
+    const auto begin = std::chrono::steady_clock::now();
+    thread_stop(thread);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
 TEST(Memory, LackingForTheScriptsCommandSkipsItAndTheRuleStillEnds)
