@@ -52,8 +52,9 @@ int64_t add_next(const stream_t &client, uint32_t *number)
 
 TEST(Load, ClientsThatNeverReadDoNotHoldUpTheOthers)
 {
-    const uint32_t rules = SANITIZED ? 500 : LONG ? 10000 : 2000;
-    constexpr int64_t allowed_ms = SANITIZED ? 1000 : 100;
+    const uint32_t rules = LONG ? 10000 : SANITIZED ? 300 : 1000;
+    // 100 ms are promised of a machine that does nothing else; one blocking send would take five seconds.
+    const int64_t allowed_ms = LONG && !SANITIZED ? 100 : 1000;
     server_t server;
     test_host::reset(-2); // a host that listens to nothing: the messages are not the subject
     std::vector<stream_t> stalled;
@@ -179,7 +180,7 @@ TEST(Load, StoppingInTheMiddleLeavesNothingBehind)
         server.set_script(round % 2 == 0 ? "exit 0" : "sleep 1000");
         test_host::reset(-2);
         std::vector<std::thread> clients;
-        for (unsigned i = 0; i < 12; i++) {
+        for (unsigned i = 0; i < 6; i++) {
             clients.emplace_back(make_requests, server.connect_client(),
                                  100 * static_cast<unsigned>(round) + i);
         }
@@ -191,7 +192,7 @@ TEST(Load, StoppingInTheMiddleLeavesNothingBehind)
             }
         });
         std::this_thread::sleep_for(
-            std::chrono::milliseconds(round % 40)); // another point in time each round
+            std::chrono::milliseconds(round % 20)); // another point in time each round
         const auto begin = clock_t_::now();
         server.stop();
         longest = std::max(longest, ms_since(begin));
