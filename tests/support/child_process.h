@@ -16,6 +16,7 @@ public:
     child_process_t(const child_process_t &) = delete;
     child_process_t &operator=(const child_process_t &) = delete;
 
+    pid_t pid() const { return pid_; }
     void signal(int number) const;
     // Wait for the end: the exit status, 128 + N after signal N, or -1 when it did not end in time.
     int wait(int milliseconds = 30000);

@@ -1,17 +1,15 @@
 // The built probe with the built plugin on real captures: every IP packet of the file is handed over, and all
 // of them are in the history.
 #include "support/control_client.h"
-#include "support/pcap_read.h"
 #include "support/test_host.h"
+#include "system/probe_support.h"
 
 #include <csignal>
-#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <string>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 namespace {
 
@@ -26,43 +24,22 @@ constexpr capture_t WEB = {"web-dualstack-tls.pcap", 7451, 7451};
 constexpr capture_t TAGGED = {"vlan-qinq-icmp.pcap", 26, 20};
 constexpr capture_t FRAGMENTS = {"ipv6-fragments.pcap", 36, 36};
 
-std::string text_of(const std::string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
 // A probe that reads a capture from a pipe: it waits for packets until the test lets them come, and serves
 // its clients afterwards.
-class probe_t {
+class piped_probe_t {
 public:
-    explicit probe_t(uint32_t queues)
+    explicit piped_probe_t(uint32_t queues)
+        : process({"sh", "-c", "exec \"$0\" \"$@\" < \"$PIPE\"", built("kestrune-probe"), "-r", "-",
+                   "--speed", "0", "--stay", "-q", std::to_string(queues), "-P",
+                   "port=0;buffer_size=64;export_path=" + pipe.folder()}),
+          input(pipe.path(), std::ios::binary) // waits for the other end
     {
-        const std::string pipe = files.path("pipe");
-        EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-        const std::string command =
-            "echo $$ > " + files.path("pid") +
-            " && exec " KESTRUNE_BUILD_DIR "/kestrune-probe -r - --speed 0 --stay -q " +
-            std::to_string(queues) + " -P 'port=0;buffer_size=64;export_path=" + files.path() + "' < " + pipe;
-        output = popen(command.c_str(), "re");
-        input.open(pipe, std::ios::binary); // waits for the other end
     }
-    ~probe_t()
-    {
-        if (output != nullptr) {
-            kill(pid(), SIGKILL);
-            pclose(output);
-        }
-    }
-    probe_t(const probe_t &) = delete;
-    probe_t &operator=(const probe_t &) = delete;
 
     uint16_t port() const
     {
         uint16_t found = 0;
-        EXPECT_TRUE(wait_until([&] { return (found = listening_port(pid())) != 0; }, 30000));
+        EXPECT_TRUE(wait_until([&] { return (found = listening_port(process.pid())) != 0; }, 30000));
         return found;
     }
     // These bytes and no more.
@@ -75,29 +52,30 @@ public:
     // Stop it and wait for its end: the exit status.
     int stop()
     {
-        kill(pid(), SIGTERM);
-        for (int c = 0; (c = fgetc(output)) != EOF;) {
-            text += static_cast<char>(c);
-        }
-        const int status = pclose(output);
-        output = nullptr;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        process.signal(SIGTERM);
+        return process.wait();
     }
-    // Of the line "counters: NAME=VALUE ..." at the end; -1 when it is not there.
-    int64_t counter(const std::string &name) const
-    {
-        const size_t line = text.rfind("counters:");
-        const size_t at = line == std::string::npos ? line : text.find(" " + name + "=", line);
-        return at == std::string::npos ? -1 : std::stoll(text.substr(at + name.size() + 2));
-    }
+    int64_t counter(const std::string &name) const { return ::counter(process.out(), name); }
 
 private:
-    pid_t pid() const { return static_cast<pid_t>(std::stol(text_of(files.path("pid")))); }
+    // Its path is in the environment of what is started while it lives.
+    class pipe_t {
+    public:
+        pipe_t()
+        {
+            EXPECT_EQ(mkfifo(path().c_str(), 0600), 0);
+            setenv("PIPE", path().c_str(), 1);
+        }
+        std::string path() const { return dir.path("pipe"); }
+        std::string folder() const { return dir.path(); }
 
-    temp_dir_t files;
+    private:
+        temp_dir_t dir;
+    };
+
+    pipe_t pipe;
+    child_process_t process;
     std::ofstream input;
-    FILE *output;
-    std::string text;
 };
 
 class Replay : public testing::TestWithParam<std::tuple<capture_t, uint32_t>> {};
@@ -105,9 +83,9 @@ class Replay : public testing::TestWithParam<std::tuple<capture_t, uint32_t>> {}
 TEST_P(Replay, TheHistoryHoldsEveryIpPacketOfTheFile)
 {
     const auto &[capture, queues] = GetParam();
-    const std::string bytes = text_of(std::string(KESTRUNE_SOURCE_DIR "/examples/pcaps/") + capture.file);
+    const std::string bytes = read_text(example(capture.file));
     ASSERT_GT(bytes.size(), 24U);
-    probe_t probe(queues);
+    piped_probe_t probe(queues);
     control_client_t client(probe.port());
     ASSERT_EQ(client.set_heavy_size(UINT32_MAX), msg_code::SUCCESS);
     ASSERT_EQ(client.history().packets, 0U);
