@@ -39,8 +39,8 @@ void sleep_until_moved(history_capture_t *hc, uint64_t p)
 }
 
 // Inside the gate: wait as long as the run needs the record at p. Not inlined: it has no place in the path of
-// a packet. A real read lock replaces the gate while this thread sleeps; when it is not to be had the run is
-// over.
+// a packet. A real read lock replaces the gate while this thread sleeps; when it is not to be had, a writer
+// is about to leave, and the run has not begun its walk or is over.
 [[gnu::noinline]] void wait_outside(history_capture_t *hc, uint64_t p)
     KS_REQUIRES_SHARED(hc->state_lock) KS_NO_ANALYSIS // gate and lock are exchanged
 {

@@ -41,6 +41,7 @@ struct listener_t {
     pthread_t thread; // runs ls_accept
 };
 
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): the fields keep their documented order
 struct ls_client_t {
     std::atomic<uint8_t> used; // 1: busy; stored with release by the handler, loaded with acquire
     pthread_t thread;          // the handler

@@ -1,0 +1,214 @@
+"""The built probe with the built plugin as a process, steered with the built kestrunectl. KESTRUNE_BUILD names the
+folder that holds them."""
+
+import glob
+import json
+import os
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import threading
+import time
+
+BUILD = os.environ["KESTRUNE_BUILD"]
+SOURCE = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", ".."))
+WEB = os.path.join(SOURCE, "examples", "pcaps", "web-dualstack-tls.pcap")
+WATCHED = ("192.168.0.17", "2601:647:4b02:1d20:fd05:6f66:ecce:8bc7")
+LIMIT_S = 90  # that nothing may take, on a slow machine with a sanitizer
+
+
+def built(name):
+    return os.path.join(BUILD, name)
+
+
+def missing(*programs):
+    """The programs that are not there, for a visible skip."""
+    return [name for name in programs if shutil.which(name) is None]
+
+
+def wait_until(condition, what, limit_s=LIMIT_S):
+    """Asks until the condition's value is true, and gives that value."""
+    end = time.monotonic() + limit_s
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise AssertionError("waited %d s in vain: %s" % (limit_s, what() if callable(what) else what))
+        time.sleep(0.01)
+
+
+def listening_port(pid):
+    """The TCP port on which the process listens, 0 when there is none (yet)."""
+    inodes = set()
+    for path in glob.glob("/proc/%d/fd/*" % pid):
+        try:
+            found = re.match(r"socket:\[(\d+)\]", os.readlink(path))
+        except OSError:
+            continue
+        if found:
+            inodes.add(found.group(1))
+    for name in ("tcp", "tcp6"):
+        try:
+            with open("/proc/%d/net/%s" % (pid, name), encoding="ascii") as table:
+                rows = [line.split() for line in table][1:]
+        except OSError:
+            continue
+        for row in rows:
+            if row[3] == "0A" and row[9] in inodes:
+                return int(row[1].rsplit(":", 1)[1], 16)
+    return 0
+
+
+class Command:
+    """A kestrunectl --json that runs on its own until it is done."""
+
+    def __init__(self, argv):
+        self.process = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE, text=True)
+        self.lines = []
+        self.reader = threading.Thread(target=self._read)
+        self.reader.start()
+
+    def _read(self):
+        for line in self.process.stdout:
+            self.lines.append(json.loads(line))
+
+    def interrupt(self):
+        self.process.send_signal(signal.SIGINT)
+
+    def finish(self):
+        """Exit status and the objects that it printed."""
+        try:
+            self.process.wait(LIMIT_S)
+        finally:
+            self.process.kill()
+            self.reader.join()
+            self.process.stdout.close()
+            self.errors = self.process.stderr.read()
+            self.process.stderr.close()
+        return self.process.returncode, self.lines
+
+
+class Probe:
+    """Starts at once; use it as a context manager. Its standard input is a pipe."""
+
+    def __init__(self, *arguments, params="", prefix=(), env=None):
+        self.folder = tempfile.mkdtemp(prefix="kestrune_e2e_")
+        self.export = os.path.join(self.folder, "captures")
+        os.mkdir(self.export)
+        self.prefix = list(prefix)
+        self.waiting = []
+        plugin_params = "port=0;export_path=%s;%s" % (self.export, params)
+        with open(self.path("out"), "wb") as out, open(self.path("err"), "wb") as err:
+            self.process = subprocess.Popen([*self.prefix, built("kestrune-probe"), *arguments, "-P", plugin_params],
+                                            stdin=subprocess.PIPE, stdout=out, stderr=err,
+                                            env={**os.environ, **(env or {})})
+        try:
+            self.port = wait_until(self._find_port, lambda: "no port; " + self.text("err"))
+        except BaseException:
+            self.close()
+            raise
+
+    def _find_port(self):
+        if self.process.poll() is not None:
+            raise AssertionError("the probe ended with %d: %s" % (self.process.returncode, self.text("err")))
+        return listening_port(self.process.pid)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        """Ends everything, whatever state it is in; may be called again."""
+        self.process.kill()
+        self.process.wait()
+        try:
+            self.process.stdin.close()
+        except OSError:
+            pass
+        while self.waiting:
+            command = self.waiting.pop()
+            command.process.kill()
+            command.finish()
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+    def path(self, name):
+        return os.path.join(self.folder, name)
+
+    def text(self, name):
+        with open(self.path(name), encoding="utf-8") as file:
+            return file.read()
+
+    def capture(self, name):
+        """Path of a capture file."""
+        return os.path.join(self.export, name)
+
+    def captures(self):
+        return sorted(os.listdir(self.export))
+
+    def feed(self, data):
+        self.process.stdin.write(data)
+        self.process.stdin.flush()
+
+    def counters(self):
+        """The probe's counters as they stand."""
+        seen = self.text("out").count("\n")
+        self.process.send_signal(signal.SIGUSR1)
+        wait_until(lambda: self.text("out").count("\n") > seen, "counters")
+        return self.last_counters()
+
+    def last_counters(self):
+        line = self.text("out").splitlines()[-1]
+        return {name: int(value) for name, value in re.findall(r"(\w+)=(\d+)", line)}
+
+    def wait_handed_on(self, count):
+        wait_until(lambda: self.counters()["handed_on"] >= count, lambda: "%d packets: %s" % (count, self.text("out")))
+
+    def argv(self, *arguments):
+        return [*self.prefix, built("kestrunectl"), "--json", "-s", "127.0.0.1:%d" % self.port, *arguments]
+
+    def start_ctl(self, *arguments):
+        command = Command(self.argv(*arguments))
+        self.waiting.append(command)
+        return command
+
+    def finish_ctl(self, command):
+        self.waiting.remove(command)
+        return command.finish()
+
+    def ctl(self, *arguments):
+        """Exit status and the one object that kestrunectl printed."""
+        status, lines = self.finish_ctl(self.start_ctl(*arguments))
+        assert len(lines) == 1, lines
+        return status, lines[0]
+
+    def do(self, *arguments):
+        """The same, for what must be done."""
+        status, answer = self.ctl(*arguments)
+        assert status == 0 and answer["ok"], answer
+        return answer
+
+    def add_and_wait(self, *arguments):
+        """add --wait; returns once the rule is there."""
+        command = self.start_ctl("add", *arguments, "--wait")
+        wait_until(lambda: arguments[0] in self.rules() or command.process.poll() is not None, "the rule")
+        return command
+
+    def rules(self):
+        return [rule["address"] for rule in self.do("list")["rules"]]
+
+    def stop(self):
+        """Stop it as an operator does: the exit status."""
+        self.process.send_signal(signal.SIGTERM)
+        return self.wait()
+
+    def wait(self):
+        try:
+            return self.process.wait(LIMIT_S)
+        except subprocess.TimeoutExpired:
+            raise AssertionError("the probe does not end") from None
