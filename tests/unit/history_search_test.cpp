@@ -31,6 +31,17 @@ int __wrap_pthread_rwlock_rdlock(pthread_rwlock_t *lock)
     return __real_pthread_rwlock_rdlock(lock);
 }
 
+static std::atomic<int> write_locks{0}; // how often a write lock was taken
+
+extern "C" int __real_pthread_rwlock_wrlock(pthread_rwlock_t *lock);
+extern "C" int __wrap_pthread_rwlock_wrlock(pthread_rwlock_t *lock);
+int __wrap_pthread_rwlock_wrlock(pthread_rwlock_t *lock)
+{
+    const int result = __real_pthread_rwlock_wrlock(lock);
+    write_locks++;
+    return result;
+}
+
 extern "C" int __real_pthread_rwlock_tryrdlock(pthread_rwlock_t *lock);
 extern "C" int __wrap_pthread_rwlock_tryrdlock(pthread_rwlock_t *lock);
 int __wrap_pthread_rwlock_tryrdlock(pthread_rwlock_t *lock)
@@ -224,6 +235,15 @@ TEST(HistorySearch, FullRingIsSearchedWholeAndReportsRisingProgress)
     EXPECT_EQ(read_pcap(run.ring.files.path("rule")).size(), 3U);
 }
 
+TEST(HistorySearch, RunThatEndsInTheUnusedBytesIsAtItsEnd)
+{
+    hanging_run_t run(3 * 151 + 20, 3); // no header fits behind the last record: the end designates 0
+    EXPECT_EQ(run.ring.hc->search_position, 0U);
+    EXPECT_EQ(run.ring.progress(run.other), progress_value(0, 0));
+    run.ring.hc->search_pending = 0; // as if the run stood at its end with the files not closed yet
+    EXPECT_EQ(run.ring.progress(run.other), progress_value(PROGRESS_DONE, 0));
+}
+
 TEST(HistorySearch, PacketWaitsForTheRecordUnderExamination)
 {
     hanging_run_t run(10 * 151, 40);
@@ -298,10 +318,9 @@ TEST(HistorySearch, DisableLeavesABegunRunItsLock)
     ASSERT_TRUE(wait_until([&] { return ring.hc->searching == 1; }));
     std::thread writer([&] { EXPECT_EQ(enqueue(ring.hc, make_packet(6, 100, 7, 8)), HC_OK); });
     ASSERT_TRUE(wait_until([&] { return ring.hc->appending == 1; }));
+    const int before = write_locks;
     std::thread stopper([&] { hc_disable(ring.hc); });
-    EXPECT_TRUE(wait_until([lock = &ring.hc->state_lock.native] { // the disable was at the lock
-        return __real_pthread_rwlock_tryrdlock(lock) != 0 || pthread_rwlock_unlock(lock) != 0;
-    }));
+    EXPECT_TRUE(wait_until([&] { return write_locks > before; })); // the disable has had it
     hold_begun_run = false;
     writer.join();
     stopper.join();
