@@ -101,18 +101,29 @@ std::optional<message_t> update(T value)
                                     std::move(value));
 }
 
-std::vector<std::string> split_at_commas(std::string_view list)
+// A name may hold commas itself, but a history file's name ends in "_hc_" and its queue.
+bool ends_a_file_name(std::string_view text)
 {
-    std::vector<std::string> parts;
-    for (size_t start = 0; !list.empty() && start <= list.size();) {
-        const size_t end = std::min(list.find(',', start), list.size());
-        if (end == start) {
-            malformed("an empty file name");
+    static constexpr std::string_view MARK = "_hc_";
+    const size_t last = text.find_last_not_of("0123456789");
+    return last != std::string_view::npos && last + 1 < text.size() &&
+           text.substr(0, last + 1).ends_with(MARK);
+}
+
+std::vector<std::string> split_file_names(std::string_view list)
+{
+    std::vector<std::string> names;
+    size_t start = 0;
+    for (size_t comma = list.find(','); comma != std::string_view::npos; comma = list.find(',', comma + 1)) {
+        if (ends_a_file_name(list.substr(start, comma - start))) {
+            names.emplace_back(list.substr(start, comma - start));
+            start = comma + 1;
         }
-        parts.emplace_back(list.substr(start, end - start));
-        start = end + 1;
     }
-    return parts;
+    if (start < list.size()) {
+        names.emplace_back(list.substr(start));
+    }
+    return names;
 }
 
 std::optional<message_t> decode_visual(msg_reader_t *in)
@@ -128,7 +139,7 @@ std::optional<message_t> decode_visual(msg_reader_t *in)
     visual.rule_id = fixed.rule_id;
     visual.history_packets = fixed.history_packets;
     visual.live_packets = fixed.live_packets;
-    visual.history_files = split_at_commas(history);
+    visual.history_files = split_file_names(history);
     return update(std::move(visual));
 }
 

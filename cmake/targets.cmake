@@ -10,8 +10,9 @@ function(kestrune_room name)
   endforeach()
 endfunction()
 
-# kestrune_test(NAME LABEL SOURCES ... LIBS ...): a GoogleTest program, registered with ctest under NAME.
-# Exit status 77 or gtest's own skip is a visible skip.
+# kestrune_test(NAME LABEL SOURCES ... LIBS ... [TIMEOUT s]): a GoogleTest program, registered with ctest under
+# NAME. Exit status 77 or gtest's own skip is a visible skip. The test's own code is not optimised and its
+# headers are compiled once for all, since its build is what takes time; what it tests keeps the preset's flags.
 function(kestrune_test name label)
   cmake_parse_arguments(TEST "" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
   if(NOT TEST_TIMEOUT)
@@ -22,8 +23,12 @@ function(kestrune_test name label)
                                              ${PROJECT_SOURCE_DIR})
   target_link_libraries(${name} PRIVATE ${TEST_LIBS} ks_test_support GTest::gtest GTest::gtest_main
                                         Threads::Threads)
-  target_compile_definitions(${name} PRIVATE KESTRUNE_BUILD_DIR="${CMAKE_BINARY_DIR}"
-                                             KESTRUNE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+  target_compile_options(${name} PRIVATE ${KESTRUNE_TEST_OPTIONS})
+  target_compile_definitions(${name} PRIVATE ${KESTRUNE_TEST_DEFINITIONS})
+  target_precompile_headers(${name} REUSE_FROM ks_test_headers)
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES LABELS ${label} TIMEOUT ${TEST_TIMEOUT} SKIP_RETURN_CODE 77)
 endfunction()
+
+set(KESTRUNE_TEST_OPTIONS -O0 -g1)
+set(KESTRUNE_TEST_DEFINITIONS KESTRUNE_BUILD_DIR="${CMAKE_BINARY_DIR}" KESTRUNE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")

@@ -25,8 +25,10 @@ public:
     explicit workers_t(stop_event_t *stop) : stop_(stop) {}
     ~workers_t()
     {
-        stop_->request();
-        join();
+        if (!threads_.empty()) { // the run is left by an exception
+            stop_->request();
+            join();
+        }
     }
     workers_t(const workers_t &) = delete;
     workers_t &operator=(const workers_t &) = delete;

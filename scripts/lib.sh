@@ -5,8 +5,8 @@
 cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 
 # To build everything.
-BUILD_PACKAGES=(g++ cmake ninja-build pkg-config python3 libgtest-dev libbenchmark-dev libpcap-dev libcli11-dev nlohmann-json3-dev
-    libtsl-hopscotch-map-dev pkg-config python3)
+BUILD_PACKAGES=(g++ cmake ninja-build pkg-config python3 libgtest-dev libbenchmark-dev libpcap-dev libcli11-dev
+    nlohmann-json3-dev libtsl-hopscotch-map-dev)
 # To look into capture files, for scripts/demo.
 CAPTURE_PACKAGES=(tcpdump tshark wireshark-common)
 # The other compiler, the linters, and what the tests use.

@@ -102,6 +102,56 @@ inline void rwlock_write_unlock(rwlock_t *lock) KS_RELEASE(*lock) KS_NO_ANALYSIS
     pthread_rwlock_unlock(&lock->native);
 }
 
+// A read-write lock whose writers and readers all get their turn: who wants it waits in `turn` until those
+// who have it let it go, and nobody passes by meanwhile. With a plain one readers that keep overlapping would
+// leave a writer waiting for ever. Not to be taken by a thread that has it, for reading neither.
+struct KS_CAPABILITY("rwlock") fair_rwlock_t {
+    pthread_rwlock_t native;
+    pthread_mutex_t turn; // held only while `native` is being taken
+};
+
+[[nodiscard]] inline int rwlock_init(fair_rwlock_t *lock)
+{
+    int error = pthread_rwlock_init(&lock->native, nullptr);
+    if (error == 0) {
+        error = pthread_mutex_init(&lock->turn, nullptr);
+        if (error != 0) {
+            pthread_rwlock_destroy(&lock->native);
+        }
+    }
+    return error;
+}
+
+inline void rwlock_destroy(fair_rwlock_t *lock)
+{
+    pthread_mutex_destroy(&lock->turn);
+    pthread_rwlock_destroy(&lock->native);
+}
+
+inline void rwlock_read(fair_rwlock_t *lock) KS_ACQUIRE_SHARED(*lock) KS_NO_ANALYSIS // wrapper
+{
+    pthread_mutex_lock(&lock->turn);
+    pthread_rwlock_rdlock(&lock->native);
+    pthread_mutex_unlock(&lock->turn);
+}
+
+inline void rwlock_read_unlock(fair_rwlock_t *lock) KS_RELEASE_SHARED(*lock) KS_NO_ANALYSIS // wrapper
+{
+    pthread_rwlock_unlock(&lock->native);
+}
+
+inline void rwlock_write(fair_rwlock_t *lock) KS_ACQUIRE(*lock) KS_NO_ANALYSIS // wrapper
+{
+    pthread_mutex_lock(&lock->turn);
+    pthread_rwlock_wrlock(&lock->native);
+    pthread_mutex_unlock(&lock->turn);
+}
+
+inline void rwlock_write_unlock(fair_rwlock_t *lock) KS_RELEASE(*lock) KS_NO_ANALYSIS // wrapper
+{
+    pthread_rwlock_unlock(&lock->native);
+}
+
 // A spin lock for a few loads and stores. 0 free, 1 held.
 struct KS_CAPABILITY("spin lock") spin_t {
     std::atomic<uint32_t> held;

@@ -9,7 +9,7 @@
 // output. Both levels are read anew for every message. Every text begins with "kestrune: ".
 //
 // Threads: any. May be called with locks held, but the host's function decides how long it takes; errno is
-// the same after the call as before. Not a cancellation point in threads started by ks_thread_start, which
+// the same after the call as before. Not a cancellation point in threads started by thread_start, which
 // run with cancellation disabled.
 #pragma once
 

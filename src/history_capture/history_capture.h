@@ -95,7 +95,7 @@ struct hc_deleted_rule_t {
 
 struct history_capture_t {
     uint8_t *buffer KS_GUARDED_BY(state_lock); // owned ring memory, null while disabled
-    std::atomic<uint64_t> first;               // oldest record's header; stored under position_lock
+    std::atomic<uint64_t> first;               // oldest record's header; stored by the packet thread
     std::atomic<uint64_t> last;                // where the next header goes; stored by the packet thread
     std::atomic<uint32_t> packets;             // records in the ring; stored by the packet thread
     uint64_t size KS_GUARDED_BY(state_lock);   // bytes

@@ -125,18 +125,24 @@ uint8_t *detach_ring(history_capture_t *hc, uint64_t *size)
     return buffer;
 }
 
-// Refuse packets and rules from now on. False when the ring is not enabled. A run holds state_lock for
-// reading, so this waits for its end, while the packet thread, a reader too, goes on.
-bool begin_stop(history_capture_t *hc)
+// Take state_lock for writing while no run is under way. A run holds it for reading, so this waits for the
+// run's end; but between its swap of the tables and that read lock a run holds nothing. To close the gate
+// then would be for ever: a packet inside may wait for this run, and the run for the lock.
+void lock_outside_runs(history_capture_t *hc) KS_ACQUIRE(hc->state_lock)
 {
     rwlock_write(&hc->state_lock);
     while (hc->searching != 0) {
-        // The run has begun and not yet taken the lock for its walk. The packet thread may stay inside the
-        // gate until that walk goes on: closing the gate now would wait for it forever.
         rwlock_write_unlock(&hc->state_lock);
         sched_yield();
         rwlock_write(&hc->state_lock);
     }
+}
+
+// Refuse packets and rules from now on. False when the ring is not enabled. Waits for the end of a run, while
+// the packet thread goes on.
+bool begin_stop(history_capture_t *hc)
+{
+    lock_outside_runs(hc);
     gate_close(hc);
     const bool was_enabled = hc->enabled != 0;
     if (was_enabled) {

@@ -17,11 +17,12 @@ constexpr auto ACQUIRE = std::memory_order_acquire;
 // How often the packet thread looks again before it sleeps: an examination without a write takes less.
 constexpr int WAIT_SPINS = 2000;
 
-// Whether the run under way is still to examine the record at p next. Acquires what the run did before.
+// Whether the run under way is still to examine the record at p next. Acquires what the run did before; the
+// position sequentially consistent, so that a sleeper that has set writer_waiting misses no step.
 bool run_needs(const history_capture_t *hc, uint64_t p)
 {
     return hc->searching.load(ACQUIRE) != 0 && hc->search_pending.load(ACQUIRE) != 0 &&
-           hc->search_position.load(ACQUIRE) == p;
+           hc->search_position.load(std::memory_order_seq_cst) == p;
 }
 
 // Sleep until the run has moved past p. The packet thread is outside the gate meanwhile; the caller's read
@@ -39,8 +40,8 @@ void sleep_until_moved(history_capture_t *hc, uint64_t p)
 }
 
 // Inside the gate: wait as long as the run needs the record at p. Not inlined: it has no place in the path of
-// a packet. A real read lock replaces the gate while this thread sleeps; when it is not to be had the run is
-// over.
+// a packet. A real read lock replaces the gate while this thread sleeps; when it is not to be had, a writer
+// is about to leave, and the run has not begun its walk or is over.
 [[gnu::noinline]] void wait_outside(history_capture_t *hc, uint64_t p)
     KS_REQUIRES_SHARED(hc->state_lock) KS_NO_ANALYSIS // gate and lock are exchanged
 {

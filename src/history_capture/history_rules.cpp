@@ -77,8 +77,8 @@ int8_t run_percent(const history_capture_t *hc) KS_REQUIRES_SHARED(hc->state_loc
     const uint64_t position = hc->search_position.load(std::memory_order_acquire);
     const uint64_t end = hc->search_end;
     uint64_t remaining = position <= end ? end - position : end + hc->size - position;
-    if (position == end && hc->search_pending.load(std::memory_order_acquire) != 0) {
-        remaining = hc->size; // a full ring of which nothing was examined yet
+    if (position == hc_canonical(hc, end)) { // at the end, or at the beginning of a full ring
+        remaining = hc->search_pending.load(std::memory_order_acquire) != 0 ? hc->size : 0;
     }
     return static_cast<int8_t>((hc->size - remaining) * 100 / hc->size);
 }

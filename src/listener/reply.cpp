@@ -52,10 +52,12 @@ bool ls_reply_list(ls_client_t *slot, msg_ip_list_item_t *items, uint32_t count)
         msg_encode_ip_list_item(&out, items[i]);
     }
     std::free(items);
-    KS_INFO(LOG_DETAIL, "kestrune: Listener: Sending IP list");
     const bool sent = send_reply(slot, out);
     std::free(slot->reply);
     slot->reply = nullptr;
+    if (sent) {
+        KS_INFO(LOG_DETAIL, "kestrune: Listener: Sending IP list");
+    }
     return sent;
 }
 
@@ -66,8 +68,11 @@ bool ls_reply_detail(ls_client_t *slot, const rm_detail_t &detail)
     msg_encode_header(&out, msg_answer(msg_code::IP_DETAIL));
     msg_encode_ip_detail(&out, detail.fixed);
     msg_put_bytes(&out, detail.name, detail.fixed.name_length);
-    KS_INFO(LOG_DEBUG, "kestrune: Listener: Sending IP details");
-    return send_reply(slot, out);
+    const bool sent = send_reply(slot, out);
+    if (sent) {
+        KS_INFO(LOG_DEBUG, "kestrune: Listener: Sending IP details");
+    }
+    return sent;
 }
 
 bool ls_reply_history(ls_client_t *slot, const msg_hb_info_t &info)

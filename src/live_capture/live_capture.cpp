@@ -14,16 +14,10 @@
 
 namespace {
 
-struct packet_t {
-    const uint8_t *data;
-    uint32_t length;
-    uint64_t timestamp;
-};
-
 // Append the packet to the file of an item whose row is held; `now` is from before the look-up. 1 when it was
 // written. The host's packet threads may be cancellable, and a thread that died here would leave the row
 // held.
-int write_locked(lc_item_t *item, const packet_t &packet, time_t now)
+int write_locked(lc_item_t *item, const lc_packet_t &packet, time_t now)
 {
     if (item->error != 0 || item->packets >= item->packet_limit || now > item->end_time) {
         return 0;
@@ -39,17 +33,14 @@ int write_locked(lc_item_t *item, const packet_t &packet, time_t now)
     return written ? 1 : 0;
 }
 
-// Offer the packet to the address's item, when it has one that matches packets on this side (SRC or DST).
-int offer(live_capture_t *live, const ip_addr_t *addr, uint32_t side, const packet_t &packet)
+// Offer the packet to the item of one of its addresses, when there is one that matches this side (SRC or
+// DST).
+int offer(fhf_table_t *table, const lc_packet_t &packet, uint32_t side)
 {
-    fhf_table_t *table = live->ip_table;
-    const fhf_place_t place = fhf_place_of_16(table, addr->bytes);
-    if (!fhf_may_hold(table, place)) {
-        return 0;
-    }
     const time_t now = time(nullptr);
     fhf_lock_t *row;
-    auto *item = static_cast<lc_item_t *>(fhf_get_placed_locked(table, place, addr->bytes, &row));
+    auto *item = static_cast<lc_item_t *>(
+        fhf_get_placed_locked(table, packet.places[side], packet.ends[side]->bytes, &row));
     if (item == nullptr) {
         return 0;
     }
@@ -138,12 +129,15 @@ int lc_change_direction(live_capture_t *live, const ip_addr_t *addr, uint32_t di
     return LC_OK;
 }
 
-int lc_drop_rule(live_capture_t *live, const ip_addr_t *addr)
+int lc_drop_rule(live_capture_t *live, const ip_addr_t *addr, uint32_t *packets)
 {
     const int cancel_state = thread_cancel_suspend();
     fhf_lock_t *row;
     const lc_item_t *item = lc_find_locked(live, addr, &row);
     if (item != nullptr) {
+        if (packets != nullptr) {
+            *packets = item->packets;
+        }
         close(item->fd);
         if (fhf_remove_locked(live->ip_table, addr->bytes, row) != FHF_OK) {
             KS_ERROR("kestrune: Live_capture: Failed removing rule");
@@ -153,11 +147,12 @@ int lc_drop_rule(live_capture_t *live, const ip_addr_t *addr)
     return item != nullptr ? LC_OK : LC_UNKNOWN;
 }
 
-int lc_filter_watched(live_capture_t *live, const ip_addr_t *src, const ip_addr_t *dst, const uint8_t *data,
-                      uint32_t length, uint64_t timestamp)
+int lc_filter_watched(live_capture_t *live, const lc_packet_t &packet)
 {
-    const packet_t packet = {data, length, timestamp};
-    const int as_source = offer(live, src, SRC, packet);
-    const int as_destination = offer(live, dst, DST, packet);
-    return as_source | as_destination;
+    // Mostly one side has brought the packet here, either as often: it is told without a branch.
+    fhf_table_t *table = live->ip_table;
+    const auto src_may = static_cast<uint32_t>(fhf_may_hold(table, packet.places[SRC]));
+    const auto dst_may = static_cast<uint32_t>(fhf_may_hold(table, packet.places[DST]));
+    const int first = offer(table, packet, src_may ^ 1); // SRC when it may be watched, else DST
+    return (src_may & dst_may) != 0 ? first | offer(table, packet, DST) : first;
 }

@@ -81,29 +81,16 @@ void lc_clean_table(fhf_table_t *table);
 // Match this direction only from now on. LC_OK or LC_UNKNOWN.
 [[nodiscard]] int lc_change_direction(live_capture_t *live, const ip_addr_t *addr, uint32_t direction);
 
-// Close the file and forget the address. LC_OK or LC_UNKNOWN.
-[[nodiscard]] int lc_drop_rule(live_capture_t *live, const ip_addr_t *addr);
-
-// lc_filter for a packet whose addresses may be watched. Not inline: it stays off the path of the others.
-[[nodiscard]] int lc_filter_watched(live_capture_t *live, const ip_addr_t *src, const ip_addr_t *dst,
-                                    const uint8_t *data, uint32_t length, uint64_t timestamp);
+// Close the file and forget the address. LC_OK, with the records in the file in *packets unless that is null;
+// or LC_UNKNOWN.
+[[nodiscard]] int lc_drop_rule(live_capture_t *live, const ip_addr_t *addr, uint32_t *packets = nullptr);
 
 // Offer one packet (`length` bytes at `data`, timestamp in nanoseconds since the epoch) on the packet path.
 // 1 when it was written to at least one file, else 0. An unwatched packet takes no lock, writes nothing that
 // others read, and makes no call, not even of the clock. Always inline: as a call it costs that packet a
 // quarter more.
-[[nodiscard, gnu::always_inline]] inline int lc_filter(live_capture_t *live, const ip_addr_t *src,
-                                                       const ip_addr_t *dst, const uint8_t *data,
-                                                       uint32_t length, uint64_t timestamp)
-{
-    const fhf_table_t *table = live->ip_table;
-    const fhf_place_t source = fhf_place_of_16(table, src->bytes);
-    const fhf_place_t destination = fhf_place_of_16(table, dst->bytes);
-    if ((fhf_tag_matches(table, source) | fhf_tag_matches(table, destination)) == 0) [[likely]] {
-        return 0;
-    }
-    return lc_filter_watched(live, src, dst, data, length, timestamp);
-}
+[[nodiscard]] inline int lc_filter(live_capture_t *live, const ip_addr_t *src, const ip_addr_t *dst,
+                                   const uint8_t *data, uint32_t length, uint64_t timestamp);
 
 // Progress of an address: bits 0-7 percent, bits 32-63 packets written. 100 means that the address has no
 // live capture (any more); one that is still here reports 99 at most. With bit 0 of close_flag set (closing
@@ -114,6 +101,30 @@ void lc_clean_table(fhf_table_t *table);
 [[nodiscard]] int lc_addr_info(live_capture_t *live, const ip_addr_t *addr, lc_addr_info_t *info);
 
 // The rest is the room's own.
+
+// A packet whose addresses may be watched, and where they belong in the table.
+struct lc_packet_t {
+    const ip_addr_t *ends[2]; // SRC, DST
+    fhf_place_t places[2];    // of the ends
+    const uint8_t *data;
+    uint32_t length; // bytes at data
+    uint64_t timestamp;
+};
+
+// The rest of lc_filter, off the path of the unwatched packets.
+[[nodiscard]] int lc_filter_watched(live_capture_t *live, const lc_packet_t &packet);
+
+[[gnu::always_inline]] inline int lc_filter(live_capture_t *live, const ip_addr_t *src, const ip_addr_t *dst,
+                                            const uint8_t *data, uint32_t length, uint64_t timestamp)
+{
+    const fhf_table_t *table = live->ip_table;
+    const fhf_place_t src_place = fhf_place_of_16(table, src->bytes);
+    const fhf_place_t dst_place = fhf_place_of_16(table, dst->bytes);
+    if ((fhf_tag_matches(table, src_place) | fhf_tag_matches(table, dst_place)) == 0) [[likely]] {
+        return 0;
+    }
+    return lc_filter_watched(live, {{src, dst}, {src_place, dst_place}, data, length, timestamp});
+}
 
 // The item of an address with its row held and the row's handle in *row; or null with no row held.
 inline lc_item_t *lc_find_locked(live_capture_t *live, const ip_addr_t *addr, fhf_lock_t **row)

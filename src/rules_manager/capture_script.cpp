@@ -191,6 +191,7 @@ int rm_run_command(const char *command, pid_t *running)
 void rm_kill_command(pid_t running)
 {
     kill(-running, SIGKILL);
+    kill(running, SIGKILL); // it may have moved to another group, and is waited for
     while (waitpid(running, nullptr, 0) == -1 && errno == EINTR) {
     }
 }

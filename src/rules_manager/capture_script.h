@@ -27,5 +27,5 @@
 // rm_kill_command. Leaves cancellation disabled.
 int rm_run_command(const char *command, pid_t *running);
 
-// Kill the process group of a command and reap its shell.
+// Kill the process group of a command and its shell, wherever that is by now, and reap the shell.
 void rm_kill_command(pid_t running);

@@ -137,7 +137,8 @@ int32_t drop_locked(rules_manager_t *rm, const ip_addr_t *addr, uint8_t directio
         rule->live_packets = progress_packets(progress);
     }
     if (direction == BOTH || direction == rule->direction) {
-        if (lc_drop_rule(rm->live, addr) != LC_OK) {
+        // Packets may have come since; this count is the file's.
+        if (lc_drop_rule(rm->live, addr, &rule->live_packets) != LC_OK) {
             KS_ERROR("%s", not_live);
         }
         rule->live_progress = PROGRESS_DONE;

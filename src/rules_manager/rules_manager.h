@@ -91,7 +91,7 @@ struct rules_manager_t {
     char *filenames;                          // owned; the monitor's buffer for commands and lists, or null
     int32_t filenames_size;                   // bytes there
     int32_t client_count KS_GUARDED_BY(lock); // slots in use
-    rwlock_t lock;                            // before the captures' locks and a channel's
+    fair_rwlock_t lock;                       // before the captures' locks and a channel's
     pthread_t thread;                         // runs rm_manage
 
     msg_channel_t *channels[RM_MAX_CLIENTS] KS_GUARDED_BY(lock); // borrowed; of clients[i]

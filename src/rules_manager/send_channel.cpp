@@ -2,11 +2,10 @@
 
 #include "common/thread.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <ctime>
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 namespace {
 
@@ -17,40 +16,52 @@ int64_t now_ms()
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Send what goes at once of the reply behind *sent. False with errno when the connection has failed.
-bool send_some(msg_channel_t *channel, const uint8_t *bytes, uint32_t size, uint32_t *sent)
+bool is_passing(int error)
 {
-    mutex_lock(&channel->lock);
-    ssize_t went = -1;
-    if (channel->broken) {
-        errno = EPIPE;
-    } else {
-        went = send(channel->fd, bytes + *sent, size - *sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-    }
-    if (went > 0) {
-        *sent += static_cast<uint32_t>(went);
-        channel->mid_message = *sent < size;
-    }
-    mutex_unlock(&channel->lock);
-    return went >= 0 || errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
-// POLLOUT comes only once a good part of the send buffer is free; less may do for the rest of a reply.
-constexpr int64_t RETRY_MS = 100;
-
-// Wait until there may be room, at most until the deadline. False with errno ETIMEDOUT at the deadline.
-bool wait_for_room(int fd, int64_t deadline_ms)
+// Send what goes at once of a reply; what does not leaves the channel to the reply. Number of bytes sent, or
+// -1 with errno when the connection has failed.
+ssize_t begin_reply(msg_channel_t *channel, const uint8_t *bytes, uint32_t size)
 {
-    const int64_t left = deadline_ms - now_ms();
-    if (left <= 0) {
-        errno = ETIMEDOUT;
-        return false;
+    mutex_lock(&channel->lock);
+    ssize_t sent = -1;
+    errno = EPIPE;
+    if (!channel->broken) {
+        sent = send(channel->fd, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0 && is_passing(errno)) {
+            sent = 0;
+        }
     }
-    pollfd room = {fd, POLLOUT, 0};
-    thread_cancel_enable();
-    poll(&room, 1, static_cast<int>(std::min(left, RETRY_MS)));
-    thread_cancel_disable();
-    return true;
+    channel->mid_message = sent >= 0 && sent < static_cast<ssize_t>(size);
+    mutex_unlock(&channel->lock);
+    return sent;
+}
+
+// Send the rest of a reply, waiting for room; SO_SNDTIMEO bounds the wait. False with errno.
+bool send_rest(const msg_channel_t *channel, const uint8_t *bytes, size_t size)
+{
+    const int64_t deadline_ms = now_ms() + MSG_REPLY_TIMEOUT_MS;
+    while (true) {
+        thread_cancel_enable();
+        const ssize_t sent = send(channel->fd, bytes, size, MSG_NOSIGNAL);
+        thread_cancel_disable();
+        if (sent < 0 && !is_passing(errno)) {
+            return false;
+        }
+        if (sent > 0) {
+            bytes += sent;
+            size -= static_cast<size_t>(sent);
+        }
+        if (size == 0) {
+            return true;
+        }
+        if (now_ms() >= deadline_ms) {
+            errno = ETIMEDOUT;
+            return false;
+        }
+    }
 }
 
 } // namespace
@@ -61,23 +72,23 @@ void msg_channel_open(msg_channel_t *channel, int32_t fd) KS_NO_ANALYSIS // not 
     channel->lock = {PTHREAD_MUTEX_INITIALIZER};
     channel->mid_message = false;
     channel->broken = false;
+    const timeval timeout = {MSG_REPLY_TIMEOUT_MS / 1000, 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
 }
 
 int msg_channel_reply(msg_channel_t *channel, const uint8_t *bytes, uint32_t size)
 {
-    uint32_t sent = 0;
-    const int64_t deadline_ms = now_ms() + MSG_REPLY_TIMEOUT_MS;
-    while (true) {
-        if (!send_some(channel, bytes, size, &sent)) {
-            return -1;
-        }
-        if (sent == size) {
-            return 0;
-        }
-        if (!wait_for_room(channel->fd, deadline_ms)) {
-            return -1;
-        }
+    const ssize_t sent = begin_reply(channel, bytes, size);
+    if (sent == static_cast<ssize_t>(size)) {
+        return 0;
     }
+    if (sent < 0 || !send_rest(channel, bytes + sent, size - static_cast<size_t>(sent))) {
+        return -1;
+    }
+    mutex_lock(&channel->lock);
+    channel->mid_message = false;
+    mutex_unlock(&channel->lock);
+    return 0;
 }
 
 bool msg_channel_update(msg_channel_t *channel, iovec *parts, uint32_t part_count, uint32_t message_size)

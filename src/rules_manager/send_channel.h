@@ -2,9 +2,9 @@
 // and the rules manager (updates, under the registry lock). Messages of the two never interleave, and the
 // rules manager never waits for a client:
 //
-//   - a message goes out in one sendmsg() that does not block, with `lock` held for that call alone;
-//   - a reply that did not go out whole leaves mid_message set while its handler waits for room, without the
-//     lock; an update sent meanwhile fails;
+//   - a message goes out in one call that does not block, with `lock` held for that call alone;
+//   - a reply that did not go out whole sets mid_message: the channel is its handler's, which sends the rest
+//     with a call that blocks, without the lock; an update meanwhile fails;
 //   - an update that does not go out whole fails, and when a part of a message went out the connection is
 //   shut
 //     down: a client sees whole messages or the end of the stream.
@@ -23,11 +23,12 @@ constexpr int MSG_REPLY_TIMEOUT_MS = 5000; // a reply waits no longer than this 
 struct msg_channel_t {
     int32_t fd; // borrowed; a connected stream socket
     mutex_t lock;
-    bool mid_message KS_GUARDED_BY(lock); // a part of a reply has gone out, its rest has not
+    bool mid_message KS_GUARDED_BY(lock); // a reply waits for room; its handler alone sends
     bool broken KS_GUARDED_BY(lock);      // a part of an update has gone out: shut down
 };
 
-// Set up for a new connection. Nobody else may use the channel yet.
+// Set up for a new connection, and bound the time that a send on it blocks. Nobody else may use the channel
+// yet.
 void msg_channel_open(msg_channel_t *channel, int32_t fd);
 
 // Send a whole reply: 0, or -1 with errno (ETIMEDOUT after MSG_REPLY_TIMEOUT_MS);

@@ -219,7 +219,7 @@ inline void *fhf_get_placed_locked(fhf_table_t *table, fhf_place_t place, const 
     fhf_lock_row(&table->locks[place.row]);
     const int slot = fhf_find_slot(table, place, key);
     if (slot < 0) {
-        fhf_unlock(&table->locks[place.row]);
+        table->locks[place.row].store(0, std::memory_order_release); // nothing was changed: no fence
         return nullptr;
     }
     *lock = &table->locks[place.row];

@@ -1,8 +1,10 @@
 """A small client of the control protocol (docs/protocol.md), one connection that is kept: for tests that need answers
 without the time that a program takes to start."""
 
+import select
 import socket
 import struct
+import time
 
 from fake_probe import (ADD, ALL, DETAIL, FAIL, HB_INFO, HISTORY, INFO, IP_DETAIL, IP_LIST, LIST, ON, REMOVE, REQ_HS,
                         STATE, SUCCESS, UPDATE, key_of)
@@ -18,7 +20,6 @@ class Client:
     def __init__(self, port, host="127.0.0.1", timeout=SECONDS):
         self.socket = socket.create_connection((host, port), timeout)
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        self.stream = self.socket.makefile("rb")
         self.updates = []
 
     def __enter__(self):
@@ -28,13 +29,15 @@ class Client:
         self.close()
 
     def close(self):
-        self.stream.close()
         self.socket.close()
 
     def _read(self, size):
-        data = self.stream.read(size)
-        if len(data) != size:
-            raise ConnectionError("the connection was closed")
+        data = b""
+        while len(data) < size:
+            piece = self.socket.recv(size - len(data))
+            if not piece:
+                raise ConnectionError("the connection was closed")
+            data += piece
         return data
 
     def _unpack(self, layout):
@@ -71,14 +74,11 @@ class Client:
 
     def next_update(self, seconds):
         """The next update, None when none comes in this time."""
-        self.socket.settimeout(seconds)
-        try:
-            while not self.updates:
-                self._message()
-        except TimeoutError:
-            return None
-        finally:
-            self.socket.settimeout(SECONDS)
+        end = time.monotonic() + seconds
+        while not self.updates:
+            if not select.select([self.socket], [], [], max(end - time.monotonic(), 0))[0]:
+                return None
+            self._message()
         return self.updates.pop(0)
 
     def add(self, address, packets=2**32 - 1, seconds=3600, name="rule", direction=BOTH):

@@ -8,34 +8,33 @@
 #include "listener/listener.h"
 #include "live_capture/live_capture.h"
 #include "rules_manager/rules_manager.h"
+#include "support/host_records.h"
 #include "support/pcap_read.h"
 #include "support/test_host.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
-// "00 09" as two bytes; anything but hexadecimal digits separates.
-inline std::string hex(const std::string &digits)
+// "00 09" as two bytes; '|' separates as a blank does.
+inline std::string hex(std::string digits)
 {
+    std::replace(digits.begin(), digits.end(), '|', ' ');
+    std::istringstream in(digits);
     std::string bytes;
-    for (size_t i = 0; i + 1 < digits.size();) {
-        if (std::isxdigit(static_cast<unsigned char>(digits[i])) != 0) {
-            bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
-            i += 2;
-        } else {
-            i++;
-        }
+    for (std::string byte; in >> byte;) {
+        bytes += static_cast<char>(std::stoi(byte, nullptr, 16));
     }
     return bytes;
 }
@@ -47,14 +46,6 @@ inline std::string little_endian(uint64_t value, int size)
         bytes += static_cast<char>(value >> (8 * i));
     }
     return bytes;
-}
-
-// 10.x.y.z of a number.
-inline ip_addr_t numbered_address(uint32_t number)
-{
-    const uint8_t bytes[4] = {static_cast<uint8_t>(number), static_cast<uint8_t>(number >> 8),
-                              static_cast<uint8_t>(number >> 16), 10};
-    return ip_addr_from_ipv4(bytes);
 }
 
 inline std::string address_bytes(uint32_t number)
@@ -216,28 +207,26 @@ public:
     // A packet from one address to another, offered to the live capture or stored in a queue's ring.
     void live_packet(uint32_t src, uint32_t dst) const
     {
-        const ip_addr_t from = numbered_address(src);
-        const ip_addr_t to = numbered_address(dst);
+        const ip_addr_t from = numbered_address(src), to = numbered_address(dst);
         (void)lc_filter(live, &from, &to, reinterpret_cast<const uint8_t *>("data"), 4, 1);
     }
     void ring_packet(size_t queue, uint32_t src, uint32_t dst) const
     {
-        const ip_addr_t from = numbered_address(src);
-        const ip_addr_t to = numbered_address(dst);
+        const ip_addr_t from = numbered_address(src), to = numbered_address(dst);
         (void)hc_enqueue(history[queue], &from, &to, reinterpret_cast<const uint8_t *>("data"), 4, 1);
     }
-    bool exists(const std::string &name) const { return std::filesystem::exists(directory + name); }
-    void create(const std::string &name) const
+    bool search_ended(size_t queue, uint32_t number) const
     {
-        close(open((directory + name).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        const ip_addr_t addr = numbered_address(number);
+        return (hc_search_progress(history[queue], &addr, 0) & 0xFF) == 100;
     }
+    bool exists(const std::string &name) const { return std::filesystem::exists(directory + name); }
+    void create(const std::string &name) const { std::ofstream(directory + name).flush(); }
     // Make this the capture script, by its text.
     void set_script(const std::string &text)
     {
         script = scripts.path("script");
-        const int fd = open(script.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0700);
-        ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-        close(fd);
+        std::ofstream(script) << text;
         ks_capture_script = script.data();
     }
 

@@ -9,6 +9,14 @@
 #include <string>
 #include <utility>
 
+// 10.x.y.z of a number.
+inline ip_addr_t numbered_address(uint32_t number)
+{
+    const uint8_t bytes[4] = {static_cast<uint8_t>(number), static_cast<uint8_t>(number >> 8),
+                              static_cast<uint8_t>(number >> 16), 10};
+    return ip_addr_from_ipv4(bytes);
+}
+
 // One packet with its parsed header and flow. Not movable: the packet points to the header and the data.
 class host_record_t {
 public:

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 
@@ -18,25 +19,31 @@ uint32_t u32_at(const std::string &bytes, size_t at)
 
 } // namespace
 
-std::vector<pcap_record_t> read_pcap(const std::string &path)
+std::string file_bytes(const std::string &path)
 {
-    std::ifstream file(path, std::ios::binary);
-    std::stringstream content;
-    content << file.rdbuf();
-    const std::string bytes = content.str();
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
+}
+
+std::vector<pcap_record_t> read_pcap(const std::string &path, size_t *torn)
+{
+    const std::string bytes = file_bytes(path);
     if (bytes.size() < 24 || u32_at(bytes, 0) != 0xa1b23c4d || u32_at(bytes, 20) != 1) {
         throw std::runtime_error(path + ": no nanosecond Ethernet pcap file");
     }
     std::vector<pcap_record_t> records;
     size_t at = 24;
-    while (at < bytes.size()) {
-        if (bytes.size() - at < 16 || bytes.size() - at - 16 < u32_at(bytes, at + 8)) {
-            throw std::runtime_error(path + ": torn record");
-        }
+    while (bytes.size() - at >= 16 && bytes.size() - at - 16 >= u32_at(bytes, at + 8)) {
         const uint32_t length = u32_at(bytes, at + 8);
         records.push_back({u32_at(bytes, at) * uint64_t{1000000000} + u32_at(bytes, at + 4),
                            u32_at(bytes, at + 12), bytes.substr(at + 16, length)});
         at += 16 + size_t{length};
+    }
+    if (torn != nullptr) {
+        *torn = bytes.size() - at;
+    } else if (at != bytes.size()) {
+        throw std::runtime_error(path + ": torn record");
     }
     return records;
 }
@@ -56,11 +63,8 @@ std::vector<std::string> open_descriptors()
 
 int thread_count()
 {
-    int count = 0;
-    for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/task")) {
-        count++;
-    }
-    return count;
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<int>(std::distance(begin(tasks), end(tasks)));
 }
 
 temp_dir_t::temp_dir_t()

@@ -1,20 +1,24 @@
-// Capture files read back field by field, for comparing them with what should be in them.
+// Files and descriptors as tests see them; capture files read independently of the writer.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 struct pcap_record_t {
-    uint64_t timestamp; // nanoseconds since the epoch
-    uint32_t full_length;
+    uint64_t timestamp;   // nanoseconds since the epoch
+    uint32_t full_length; // of the packet before it was cut
     std::string data;
     bool operator==(const pcap_record_t &other) const = default;
 };
 
-// Every record of the file; throws std::runtime_error when it is no nanosecond Ethernet pcap file or ends
-// torn.
-std::vector<pcap_record_t> read_pcap(const std::string &path);
+// Every whole record of the file; throws std::runtime_error when it is no nanosecond Ethernet pcap file. A
+// torn end is an error too, unless `torn` takes the number of its bytes.
+std::vector<pcap_record_t> read_pcap(const std::string &path, size_t *torn = nullptr);
+
+// The whole content, "" where there is no such file.
+std::string file_bytes(const std::string &path);
 
 // Names of the open descriptors' targets, and the number of threads of this process.
 std::vector<std::string> open_descriptors();

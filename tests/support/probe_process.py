@@ -95,7 +95,7 @@ class Command:
 class Probe:
     """Starts at once; use it as a context manager. Its standard input is a pipe."""
 
-    def __init__(self, *arguments, params="", prefix=()):
+    def __init__(self, *arguments, params="", prefix=(), env=None):
         self.folder = tempfile.mkdtemp(prefix="kestrune_e2e_")
         self.export = os.path.join(self.folder, "captures")
         os.mkdir(self.export)
@@ -104,7 +104,8 @@ class Probe:
         plugin_params = "port=0;export_path=%s;%s" % (self.export, params)
         with open(self.path("out"), "wb") as out, open(self.path("err"), "wb") as err:
             self.process = subprocess.Popen([*self.prefix, built("kestrune-probe"), *arguments, "-P", plugin_params],
-                                            stdin=subprocess.PIPE, stdout=out, stderr=err)
+                                            stdin=subprocess.PIPE, stdout=out, stderr=err,
+                                            env={**os.environ, **(env or {})})
         try:
             self.port = wait_until(self._find_port, lambda: "no port; " + self.text("err"))
         except BaseException:

@@ -1,5 +1,5 @@
 // The control plane under load: clients that do not read, many connections, and stopping in the middle of it
-// all.
+// all. With KESTRUNE_LONG set, as much of it as the plugin promises.
 #include "support/control_fixture.h"
 
 #include <algorithm>
@@ -10,6 +10,8 @@
 #include <thread>
 
 namespace {
+
+const bool LONG = std::getenv("KESTRUNE_LONG") != nullptr;
 
 using clock_t_ = std::chrono::steady_clock;
 
@@ -50,8 +52,9 @@ int64_t add_next(const stream_t &client, uint32_t *number)
 
 TEST(Load, ClientsThatNeverReadDoNotHoldUpTheOthers)
 {
-    constexpr uint32_t rules = SANITIZED ? 1000 : 10000;
-    constexpr int64_t allowed_ms = SANITIZED ? 1000 : 100;
+    const uint32_t rules = LONG ? 10000 : SANITIZED ? 300 : 1000;
+    // 100 ms are promised of a machine that does nothing else; one blocking send would take five seconds.
+    const int64_t allowed_ms = LONG && !SANITIZED ? 100 : 1000;
     server_t server;
     test_host::reset(-2); // a host that listens to nothing: the messages are not the subject
     std::vector<stream_t> stalled;
@@ -74,7 +77,7 @@ TEST(Load, ClientsThatNeverReadDoNotHoldUpTheOthers)
             passes++;
         }
     });
-    while (passes < 3) {
+    while (passes < 3 && number < 2 * rules) {
         longest_beside = std::max(longest_beside, add_next(client, &number));
     }
     monitor.join();
@@ -135,7 +138,7 @@ TEST(Load, AStalledClientIsLeftAfterFiveSeconds)
 
 TEST(Load, NothingPilesUpOverManyConnections)
 {
-    const int connections = SANITIZED ? 2000 : 20000;
+    const int connections = SANITIZED ? 1000 : LONG ? 100000 : 5000;
     server_t server;
     test_host::reset(-2);
     const size_t descriptors = open_descriptors().size();
@@ -157,29 +160,18 @@ void make_requests(stream_t stream, unsigned seed)
 {
     std::minstd_rand random(seed);
     const auto pick = [&](uint32_t count) { return static_cast<uint8_t>(random() % count); };
+    const auto address = [&] { return address_bytes(pick(200)); };
     while (true) {
-        std::string bytes;
-        switch (random() % 8) {
-        case 0:
-        case 1:
-        case 2:
-            bytes = add_request(pick(3), pick(200), pick(3), 3600, "rule");
-            break;
-        case 3:
-            bytes = request(1, pick(3), address_bytes(pick(200)));
-            break;
-        case 4:
-            bytes = request(2, 3);
-            break;
-        case 5:
-            bytes = request(3, 0, address_bytes(pick(200)));
-            break;
-        case 6:
-            bytes = pick(2) == 0 ? request(4, 5) : request(4, 4, hex("00 00 00 00"));
-            break;
-        default:
-            bytes = request(5, static_cast<uint8_t>(4 + pick(2)));
-        }
+        const std::string choices[] = {
+            add_request(pick(3), pick(200), pick(3), 3600, "rule"),
+            add_request(pick(3), pick(200), pick(3), 3600, "rule"),
+            request(1, pick(3), address()),
+            request(2, 3),
+            request(3, 0, address()),
+            pick(2) == 0 ? request(4, 5) : request(4, 4, hex("00 00 00 00")),
+            request(5, static_cast<uint8_t>(4 + pick(2))),
+        };
+        const std::string &bytes = choices[random() % std::size(choices)];
         if (send(stream.fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) <= 0 || stream.receive(4).size() < 4) {
             return;
         }
@@ -200,7 +192,7 @@ TEST(Load, StoppingInTheMiddleLeavesNothingBehind)
         server.set_script(round % 2 == 0 ? "exit 0" : "sleep 1000");
         test_host::reset(-2);
         std::vector<std::thread> clients;
-        for (unsigned i = 0; i < 12; i++) {
+        for (unsigned i = 0; i < 6; i++) {
             clients.emplace_back(make_requests, server.connect_client(),
                                  100 * static_cast<unsigned>(round) + i);
         }
@@ -212,7 +204,7 @@ TEST(Load, StoppingInTheMiddleLeavesNothingBehind)
             }
         });
         std::this_thread::sleep_for(
-            std::chrono::milliseconds(round % 40)); // another point in time each round
+            std::chrono::milliseconds(round % 20)); // another point in time each round
         const auto begin = clock_t_::now();
         server.stop();
         longest = std::max(longest, ms_since(begin));

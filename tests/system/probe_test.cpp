@@ -271,6 +271,7 @@ TEST_F(Probe, StayAndDelayServeUntilStopped)
     stays.signal(SIGTERM);
     EXPECT_EQ(stays.wait(), 0);
     EXPECT_NE(stays.err().find(" INFO(1) witness: started with 1 queues\n"), std::string::npos);
+    EXPECT_NE(stays.err().find("stopping"), std::string::npos); // by the signal, not at the end of the file
 
     child_process_t waits(command({"-r", example(TAGGED), "--speed", "0", "--delay", "1000", "-v"}));
     await_start(waits);

@@ -16,6 +16,39 @@ time_t __wrap_time(time_t *out)
     return now;
 }
 
+// While set, a run that has begun does not get its read lock, nor does a packet that waits for it.
+static std::atomic<bool> hold_begun_run{false};
+
+extern "C" int __real_pthread_rwlock_rdlock(pthread_rwlock_t *lock);
+extern "C" int __wrap_pthread_rwlock_rdlock(pthread_rwlock_t *lock);
+int __wrap_pthread_rwlock_rdlock(pthread_rwlock_t *lock)
+{
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    while (hold_begun_run && std::strcmp(name, "ks-search") == 0) {
+        std::this_thread::yield();
+    }
+    return __real_pthread_rwlock_rdlock(lock);
+}
+
+static std::atomic<int> write_locks{0}; // how often a write lock was taken
+
+extern "C" int __real_pthread_rwlock_wrlock(pthread_rwlock_t *lock);
+extern "C" int __wrap_pthread_rwlock_wrlock(pthread_rwlock_t *lock);
+int __wrap_pthread_rwlock_wrlock(pthread_rwlock_t *lock)
+{
+    const int result = __real_pthread_rwlock_wrlock(lock);
+    write_locks++;
+    return result;
+}
+
+extern "C" int __real_pthread_rwlock_tryrdlock(pthread_rwlock_t *lock);
+extern "C" int __wrap_pthread_rwlock_tryrdlock(pthread_rwlock_t *lock);
+int __wrap_pthread_rwlock_tryrdlock(pthread_rwlock_t *lock)
+{
+    return hold_begun_run ? EBUSY : __real_pthread_rwlock_tryrdlock(lock);
+}
+
 namespace {
 
 pcap_record_t as_record(const packet_t &packet)
@@ -202,6 +235,15 @@ TEST(HistorySearch, FullRingIsSearchedWholeAndReportsRisingProgress)
     EXPECT_EQ(read_pcap(run.ring.files.path("rule")).size(), 3U);
 }
 
+TEST(HistorySearch, RunThatEndsInTheUnusedBytesIsAtItsEnd)
+{
+    hanging_run_t run(3 * 151 + 20, 3); // no header fits behind the last record: the end designates 0
+    EXPECT_EQ(run.ring.hc->search_position, 0U);
+    EXPECT_EQ(run.ring.progress(run.other), progress_value(0, 0));
+    run.ring.hc->search_pending = 0; // as if the run stood at its end with the files not closed yet
+    EXPECT_EQ(run.ring.progress(run.other), progress_value(PROGRESS_DONE, 0));
+}
+
 TEST(HistorySearch, PacketWaitsForTheRecordUnderExamination)
 {
     hanging_run_t run(10 * 151, 40);
@@ -261,6 +303,28 @@ TEST(HistorySearch, DisableEndsWhereverTheThreadIs)
         ASSERT_EQ(progress_percent(ring.progress(1)), PROGRESS_UNKNOWN);
         std::remove(ring.files.path("rule").c_str());
     }
+}
+
+// A disable that comes when a run has swapped the tables and not taken its read lock yet, while a packet
+// waits inside the gate for the run to move.
+TEST(HistorySearch, DisableLeavesABegunRunItsLock)
+{
+    const ring_t ring(3 * 151);
+    for (uint64_t n = 0; n < 6; n++) {
+        ASSERT_EQ(enqueue(ring.hc, make_packet(n, 100, 1, 2)), HC_OK);
+    }
+    hold_begun_run = true;
+    ASSERT_EQ(ring.add(1, BOTH, "rule"), HC_OK);
+    ASSERT_TRUE(wait_until([&] { return ring.hc->searching == 1; }));
+    std::thread writer([&] { EXPECT_EQ(enqueue(ring.hc, make_packet(6, 100, 7, 8)), HC_OK); });
+    ASSERT_TRUE(wait_until([&] { return ring.hc->appending == 1; }));
+    const int before = write_locks;
+    std::thread stopper([&] { hc_disable(ring.hc); });
+    EXPECT_TRUE(wait_until([&] { return write_locks > before; })); // the disable has had it
+    hold_begun_run = false;
+    writer.join();
+    stopper.join();
+    EXPECT_EQ(ring.progress(1), progress_value(PROGRESS_DONE, 3));
 }
 
 TEST(HistorySearch, ReportedOnceIsNotListedAgain)

@@ -18,8 +18,6 @@ namespace {
 
 using params_t = std::map<std::string, std::string>;
 
-constexpr int32_t QUEUES = 4;
-
 // Let the host's parser find these items in the parameter string.
 void set_params(const params_t &params)
 {
@@ -65,12 +63,6 @@ std::string last_error()
     return text;
 }
 
-ip_addr_t ipv4(uint8_t last)
-{
-    const uint8_t bytes[4] = {last, 0, 0, 10};
-    return ip_addr_from_ipv4(bytes);
-}
-
 // Every test leaves the process as it found it: no thread and no descriptor more, no path set.
 class Plugin : public testing::Test {
 protected:
@@ -105,7 +97,7 @@ protected:
     int threads = 0;
 };
 
-TEST_F(Plugin, DescribesItself)
+TEST_F(Plugin, DescribesItselfAndHandsItsOptionsAndTheirDefaultsToTheHostsParser)
 {
     const plugin_desc_t *description = plugin_process_desc();
     EXPECT_STREQ(description->name, "kestrune");
@@ -113,30 +105,23 @@ TEST_F(Plugin, DescribesItself)
     EXPECT_EQ(description->reserved_4, 4);
     const std::string help = description->info;
     EXPECT_EQ(std::count(help.begin(), help.end(), '\n'), 6);
-    EXPECT_EQ(help.find("Plugin to do live and hitory capture of traffic to files in libpcap format with "
-                        "configurable\n  filter.\nParameters:\n  port=<port number>   Communication"),
-              0U);
-    const std::string end = "\n                 Default path of script folder is:/usr/bin/kestrune";
-    EXPECT_EQ(help.substr(help.size() - end.size()), end);
+    EXPECT_TRUE(help.starts_with("Plugin to do live and hitory capture of traffic to files in libpcap format "
+                                 "with configurable\n  filter.\nParameters:\n  port=<port number>   Comm"));
+    EXPECT_TRUE(help.ends_with("\n                 Default path of script folder is:/usr/bin/kestrune"));
     EXPECT_EQ(plugin_process_filter(nullptr, 1), 0);
     EXPECT_EQ(vantor_api_version, 4);
     EXPECT_EQ(plugin_type, 4);
-}
 
-TEST_F(Plugin, HandsItsOptionsAndTheirDefaultsToTheHostsParser)
-{
     std::vector<std::string> seen;
     test_host::on_config([&](const char *params, config_option_t *options) {
         EXPECT_STREQ(params, "the string");
         for (; options->kind != CONFIG_END; options++) {
-            std::string value;
-            if (options->kind == CONFIG_INT) {
-                value = std::to_string(*static_cast<int32_t *>(options->target));
-            } else {
-                const char *text = *static_cast<char **>(options->target);
-                value = text != nullptr ? text : "(null)";
-            }
-            seen.push_back(options->name + std::string("/") + std::to_string(options->kind) + "/" + value);
+            const char *text = options->kind == CONFIG_INT ? "" : *static_cast<char **>(options->target);
+            seen.push_back(options->name + ("/" + std::to_string(options->kind)) + "/" +
+                           (options->kind == CONFIG_INT
+                                ? std::to_string(*static_cast<int32_t *>(options->target))
+                            : text != nullptr ? text
+                                              : "(null)"));
         }
         EXPECT_EQ(options->name, nullptr);
         EXPECT_EQ(options->target, nullptr);
@@ -149,100 +134,75 @@ TEST_F(Plugin, HandsItsOptionsAndTheirDefaultsToTheHostsParser)
     EXPECT_EQ(texts(), std::vector<std::string>{"kestrune: Plugin: Failed to parse input arguments"});
 }
 
-TEST_F(Plugin, ExportPathEndsInASlashAndMustExist)
+TEST_F(Plugin, RefusesParametersWithTheirMessage)
+{
+    struct case_t {
+        int32_t queues;
+        params_t params;
+        std::string error;
+    };
+    const std::string range = "kestrune: ", buffer = "kestrune: Failed to create history buffer";
+    for (const case_t &c :
+         {case_t{1, {{"export_path", ""}}, "kestrune: Plugin: Failed to read export path."},
+          {1, {{"port", "no-such-service"}}, "kestrune: Listener spawn failed: Invalid argument"},
+          {1, {{"buffer_size", "-1"}}, buffer}, // as unsigned, far more than there is
+          {0, {}, range},
+          {-1, {}, range},
+          {INT32_MIN, {}, range},
+          {MAX_QUEUES + 1, {}, range},
+          {1,
+           {{"export_path", files.path("absent")}},
+           "kestrune: Plugin: Could not access the export directory"}}) {
+        test_host::reset();
+        EXPECT_EQ(start(c.queues, c.params), nullptr);
+        EXPECT_TRUE(test_host::logged(c.error)) << c.error;
+        EXPECT_TRUE(last_error().starts_with("kestrune: ")) << c.queues;
+    }
+    EXPECT_EQ(ks_exp_file_path, files.path("absent") + "/"); // until the next start
+    plugin_private_t *most = start(MAX_QUEUES);
+    EXPECT_NE(most, nullptr);
+    plugin_process_shutdown(most);
+    fault::fail_function("mmap"); // the size is logged, no memory is needed
+    EXPECT_EQ(start(3, {{"buffer_size", "8192"}}), nullptr);
+    EXPECT_TRUE(test_host::logged("Buffer of size 2863311530 B could not be allocated"));
+    EXPECT_EQ(ks_exp_file_path, nullptr);
+}
+
+TEST_F(Plugin, TakesPathsVerbosityAndHistorySizeAndReleasesThePathsAtTheStop)
 {
     const std::string plain = files.path("out");
     std::filesystem::create_directory(plain);
-    for (const std::string &given : {plain, plain + "/"}) {
-        plugin_private_t *plugin = start(1, {{"export_path", given}, {"pexadev", "anything"}});
+    struct case_t {
+        const char *slash, *megabytes;
+        int host, own, verbosity;
+        uint64_t ring;
+    };
+    for (const case_t &c : {case_t{"", "1", 3, 1, 3, 349525}, {"/", "0", 1, 4, 4, 0}}) {
+        test_host::reset(c.host);
+        testing::internal::CaptureStdout();
+        plugin_private_t *plugin = start(3, {{"export_path", plain + c.slash},
+                                             {"capture_script", "notify.sh"},
+                                             {"pexadev", "anything"},
+                                             {"buffer_size", c.megabytes},
+                                             {"verbose", std::to_string(c.own)}});
         ASSERT_NE(plugin, nullptr);
         EXPECT_EQ(ks_exp_file_path, plain + "/");
         EXPECT_EQ(ks_exp_file_path_len, static_cast<int32_t>(plain.size() + 1));
-        EXPECT_TRUE(test_host::logged("kestrune: Export path for files set: " + plain + "/"));
-        plugin_process_shutdown(plugin);
-        EXPECT_EQ(ks_exp_file_path, nullptr);
-        EXPECT_EQ(ks_exp_file_path_len, 0);
-    }
-    EXPECT_EQ(start(1, {{"export_path", ""}}), nullptr);
-    EXPECT_EQ(last_error(), "kestrune: Plugin: Failed to read export path.");
-    EXPECT_EQ(start(1, {{"export_path", files.path("absent")}}), nullptr);
-    EXPECT_EQ(last_error(), "kestrune: Plugin: Could not access the export directory");
-    EXPECT_EQ(ks_exp_file_path, files.path("absent") + "/"); // until the next start
-    plugin_private_t *plugin = start(1);
-    ASSERT_NE(plugin, nullptr);
-    EXPECT_EQ(ks_exp_file_path, nullptr);
-    EXPECT_EQ(ks_exp_file_path_len, 0);
-    EXPECT_EQ(ks_capture_script, nullptr);
-    plugin_process_shutdown(plugin);
-}
-
-TEST_F(Plugin, CaptureScriptIsTakenFromItsFolder)
-{
-    plugin_private_t *plugin = start(1, {{"capture_script", "notify.sh"}});
-    ASSERT_NE(plugin, nullptr);
-    EXPECT_STREQ(ks_capture_script, "/usr/bin/kestrune/notify.sh");
-    plugin_process_shutdown(plugin);
-    EXPECT_EQ(ks_capture_script, nullptr);
-}
-
-TEST_F(Plugin, VerbosityIsRaisedToTheHostsAndKeptAfterTheStop)
-{
-    for (const auto &[host, own, expected] : {std::array{3, 1, 3}, {1, 4, 4}, {2, 2, 2}}) {
-        test_host::reset(host);
-        testing::internal::CaptureStdout();
-        plugin_private_t *plugin = start(1, {{"verbose", std::to_string(own)}});
-        ASSERT_NE(plugin, nullptr);
-        EXPECT_EQ(local_verbose_level, expected);
-        plugin_process_shutdown(plugin);
-        EXPECT_EQ(local_verbose_level, expected);
-        testing::internal::GetCapturedStdout();
-    }
-}
-
-TEST_F(Plugin, QueueCountsOutsideItsRangeAreRefused)
-{
-    for (const int32_t count : {0, -1, INT32_MIN, MAX_QUEUES + 1}) {
-        test_host::reset();
-        EXPECT_EQ(start(count), nullptr);
-        EXPECT_FALSE(last_error().empty()) << count;
-    }
-    for (const int32_t count : {1, MAX_QUEUES}) {
-        plugin_private_t *plugin = start(count);
-        ASSERT_NE(plugin, nullptr) << count;
-        EXPECT_EQ(plugin->count, count);
-        std::set<history_capture_t *> histories;
-        for (int32_t i = 0; i < count; i++) {
+        EXPECT_STREQ(ks_capture_script, "/usr/bin/kestrune/notify.sh");
+        EXPECT_EQ(local_verbose_level, c.verbosity);
+        for (int32_t i = 0; i < 3; i++) {
             const plugin_instance_t *instance = plugin_process_init_queue(plugin, i);
             EXPECT_EQ(instance, plugin->instances + i);
             EXPECT_EQ(instance->live, plugin->live);
             EXPECT_EQ(instance->history, plugin->history[i]);
-            histories.insert(instance->history);
-        }
-        EXPECT_EQ(histories.size(), static_cast<size_t>(count));
-        plugin_process_shutdown(plugin);
-    }
-}
-
-TEST_F(Plugin, HistoryMemoryIsDividedAmongTheQueues)
-{
-    for (const auto &[megabytes, each] : {std::pair{"1", 349525U}, {"0", 0U}}) {
-        plugin_private_t *plugin = start(3, {{"buffer_size", megabytes}});
-        ASSERT_NE(plugin, nullptr);
-        for (int32_t i = 0; i < 3; i++) {
-            hc_info_t info;
-            hc_info(plugin->history[i], &info);
-            EXPECT_EQ(info.size, each);
-            EXPECT_EQ(plugin->history[i]->enabled.load(), each != 0 ? 1 : 0);
+            EXPECT_EQ(plugin->history[i]->size, c.ring);
+            EXPECT_EQ(plugin->history[i]->enabled.load(), c.ring != 0 ? 1 : 0);
         }
         plugin_process_shutdown(plugin);
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(ks_exp_file_path_len, 0);
+        EXPECT_EQ(local_verbose_level, c.verbosity);
     }
-    fault::fail_function("mmap"); // the size is logged, no memory is needed
-    EXPECT_EQ(start(3, {{"buffer_size", "8192"}}), nullptr);
-    EXPECT_TRUE(test_host::logged("Buffer of size 2863311530 B could not be allocated"));
-    fault::fail_function("");
-    test_host::reset();
-    EXPECT_EQ(start(1, {{"buffer_size", "-1"}}), nullptr); // as unsigned, far more than there is
-    EXPECT_TRUE(test_host::logged("kestrune: Failed to create history buffer"));
 }
 
 TEST_F(Plugin, LogsAStartAndAStopInOrder)
@@ -272,17 +232,8 @@ TEST_F(Plugin, LogsAStartAndAStopInOrder)
                       }));
 }
 
-// What a failed start logs after the message that belongs to the start itself: the teardown.
-std::vector<std::string> messages_after(const std::string &error)
-{
-    std::vector<std::string> all = texts();
-    const auto found = std::find(all.begin(), all.end(), error);
-    return found == all.end() ? std::vector<std::string>{} : std::vector(found + 1, all.end());
-}
-
 TEST_F(Plugin, EveryFailedStepIsUndoneAndTheNextStartSucceeds)
 {
-    const std::string buffer_error = "kestrune: Failed to create history buffer";
     const params_t params = {
         {"buffer_size", "12"}, {"export_path", files.path("out")}, {"capture_script", "x"}};
     std::filesystem::create_directory(files.path("out"));
@@ -293,7 +244,7 @@ TEST_F(Plugin, EveryFailedStepIsUndoneAndTheNextStartSucceeds)
     for (;; n++) {
         test_host::reset(LOG_EVENT);
         fault::fail_call(n);
-        plugin_private_t *plugin = start(QUEUES, params);
+        plugin_private_t *plugin = start(4, params);
         const std::string failed = fault::failed();
         fault::fail_call(0);
         if (plugin != nullptr) {
@@ -307,7 +258,9 @@ TEST_F(Plugin, EveryFailedStepIsUndoneAndTheNextStartSucceeds)
         EXPECT_FALSE(failed.empty());
         EXPECT_FALSE(last_error().empty()) << failed << " failed in silence, call " << n;
         errors.insert(last_error());
-        buffer_teardowns.insert(messages_after(buffer_error));
+        const std::vector<std::string> all = texts();
+        const auto found = std::find(all.begin(), all.end(), "kestrune: Failed to create history buffer");
+        buffer_teardowns.emplace(found == all.end() ? found : found + 1, all.end());
         expect_nothing_left();
     }
     // The monitor's buffer is made anew when it is needed.
@@ -331,13 +284,6 @@ TEST_F(Plugin, EveryFailedStepIsUndoneAndTheNextStartSucceeds)
     EXPECT_EQ(buffer_teardowns.count(third_of_four), 1U);
 }
 
-TEST_F(Plugin, APortThatCannotBeResolvedEndsTheStart)
-{
-    EXPECT_EQ(start(1, {{"port", "no-such-service"}}), nullptr);
-    EXPECT_EQ(last_error(), "kestrune: Listener spawn failed: Invalid argument");
-    EXPECT_TRUE(test_host::logged("kestrune: Listener: Failed to process address information: "));
-}
-
 TEST_F(Plugin, MessagesGoToTheHostOrToStandardOutputByLevel)
 {
     struct case_t {
@@ -346,30 +292,22 @@ TEST_F(Plugin, MessagesGoToTheHostOrToStandardOutputByLevel)
     };
     for (const case_t &c :
          {case_t{3, 3, 0, true, false}, case_t{3, 4, 5, true, false}, case_t{3, 1, 4, false, true},
-          case_t{3, 2, 3, false, true}, case_t{3, 2, 2, false, false}, case_t{1, 0, 0, false, false}}) {
+          case_t{3, 2, 3, false, true}, case_t{3, 2, 2, false, false}, case_t{LOG_ERROR, -1, 5, true, false},
+          case_t{LOG_ERROR, -2, 5, false, false}}) {
         test_host::reset(c.host);
         local_verbose_level = c.own;
         testing::internal::CaptureStdout();
-        KS_INFO(c.level, "kestrune: Plugin: %d of %s", 7, "nine");
-        const std::string output = testing::internal::GetCapturedStdout();
-        EXPECT_EQ(output, c.to_stdout ? "INFO(3) kestrune: Plugin: 7 of nine\n" : "");
-        ASSERT_EQ(test_host::messages().size(), c.to_host ? 1U : 0U);
-        if (c.to_host) {
-            const test_host::message_t message = test_host::messages()[0];
-            EXPECT_EQ(message.level, c.level);
-            EXPECT_EQ(message.flag, 1);
-            EXPECT_EQ(message.text, "kestrune: Plugin: 7 of nine");
-        }
-    }
-    local_verbose_level = 5;
-    for (const int32_t host : {-1, -2}) {
-        test_host::reset(host);
-        testing::internal::CaptureStdout();
         errno = EDOM;
-        KS_ERROR("kestrune: failed");
+        if (c.level == LOG_ERROR) {
+            KS_ERROR("kestrune: Plugin: %d of %s", 7, "nine");
+        } else {
+            KS_INFO(c.level, "kestrune: Plugin: %d of %s", 7, "nine");
+        }
         EXPECT_EQ(errno, EDOM);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-        EXPECT_EQ(last_error(), host == -1 ? "kestrune: failed" : "");
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  c.to_stdout ? "INFO(3) kestrune: Plugin: 7 of nine\n" : "");
+        EXPECT_EQ(texts(), c.to_host ? std::vector<std::string>{"kestrune: Plugin: 7 of nine"}
+                                     : std::vector<std::string>{});
     }
     local_verbose_level = 0;
 }
@@ -412,12 +350,12 @@ protected:
 TEST_F(PacketPath, RecordsWithoutDataOrOfAnotherVersionAreIgnored)
 {
     watch(ip_addr_t{}, BOTH, "zero");
-    watch(ipv4(1), BOTH, "ipv4");
+    watch(numbered_address(1), BOTH, "ipv4");
     const host_packet_t without = {};
     plugin_process_update(instance, nullptr, &without);
     for (const uint8_t version : std::initializer_list<uint8_t>{0, 5, 7, 46, 255}) {
         hand_over({version, ip_addr_t{}, ip_addr_t{}, "packet"});
-        hand_over({version, ipv4(1), ipv4(1), "packet"});
+        hand_over({version, numbered_address(1), numbered_address(1), "packet"});
     }
     EXPECT_EQ(in_history(), 0U);
     EXPECT_TRUE(read_pcap(files.path("zero")).empty());
@@ -432,8 +370,8 @@ TEST_F(PacketPath, KeysAreTheHeadersBytesAndWhatIsLiveStaysOutOfTheHistory)
     std::memcpy(mapped.bytes, "\x01\x00\x00\x0a\xff\xff", 6);
     watch(four, SRC, "four");
     watch(six, DST, "six");
-    hand_over({4, four, ipv4(9), "from four", 1'000'000'007});
-    hand_over({4, ipv4(9), four, "to four", 2});
+    hand_over({4, four, numbered_address(9), "from four", 1'000'000'007});
+    hand_over({4, numbered_address(9), four, "to four", 2});
     hand_over({6, mapped, six, "to six", 3'999'999'999, 1000});
     hand_over({6, six, mapped, "from six", 4});
     EXPECT_EQ(read_pcap(files.path("four")), (std::vector<pcap_record_t>{{1'000'000'007, 9, "from four"}}));
@@ -456,7 +394,7 @@ TEST_F(PacketPath, HeavyFlowsStayOutOfTheHistory)
                             case_t{0x80000000, 20, 1}, case_t{UINT32_MAX, UINT32_MAX - 1, 1}}) {
         set_heavy_size(c.threshold);
         const uint32_t before = in_history();
-        hand_over({4, ipv4(1), ipv4(2), "packet", 1, c.counter});
+        hand_over({4, numbered_address(1), numbered_address(2), "packet", 1, c.counter});
         EXPECT_EQ(in_history() - before, c.stored) << c.counter << " of " << c.threshold;
     }
 }
