@@ -285,7 +285,7 @@ TEST(Start, FailsWithTheErrorOfItsStepAndLeavesNothing)
         fault::fail_function("");
         EXPECT_TRUE(test_host::logged(c.logged)) << c.logged;
     }
-    fault::fail_call(8); // the listener's thread, after the rules manager's
+    fault::fail_call(9); // the listener's thread, after the rules manager's
     EXPECT_EQ(ls_init(captures.live, "0", 0, nullptr), nullptr);
     EXPECT_EQ(fault::failed(), "pthread_create");
     fault::fail_call(0);
