@@ -1,6 +1,6 @@
 #include "common/log.h"
-#include "common/progress.h"
 #include "common/printable.h"
+#include "common/progress.h"
 #include "common/settings.h"
 #include "common/thread.h"
 #include "rules_manager/capture_script.h"

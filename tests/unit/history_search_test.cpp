@@ -377,8 +377,8 @@ TEST(HistorySearch, FailedWritesAreCountedAndTheOthersGoOn)
     setrlimit(RLIMIT_FSIZE, &low);
     test_host::reset();
     rwlock_read(&ring.hc->state_lock); // one run for both
-    ASSERT_EQ(ring.add(1, BOTH, "large"), HC_OK);
-    ASSERT_EQ(ring.add(3, BOTH, "small"), HC_OK);
+    EXPECT_EQ(ring.add(1, BOTH, "large"), HC_OK);
+    EXPECT_EQ(ring.add(3, BOTH, "small"), HC_OK);
     rwlock_read_unlock(&ring.hc->state_lock);
     ASSERT_TRUE(ring.finishes(1));
     setrlimit(RLIMIT_FSIZE, &before);

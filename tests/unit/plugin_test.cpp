@@ -195,7 +195,9 @@ TEST_F(Plugin, TakesPathsVerbosityAndHistorySizeAndReleasesThePathsAtTheStop)
             EXPECT_EQ(instance, plugin->instances + i);
             EXPECT_EQ(instance->live, plugin->live);
             EXPECT_EQ(instance->history, plugin->history[i]);
-            EXPECT_EQ(plugin->history[i]->size, c.ring);
+            hc_info_t info = {};
+            hc_info(plugin->history[i], &info);
+            EXPECT_EQ(info.size, c.ring);
             EXPECT_EQ(plugin->history[i]->enabled.load(), c.ring != 0 ? 1 : 0);
         }
         plugin_process_shutdown(plugin);
