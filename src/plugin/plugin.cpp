@@ -68,6 +68,7 @@ bool create_parts(plugin_private_t *plugin, const char *port, int32_t queue_coun
         KS_ERROR("kestrune: Failed to allocate prive structures for instances");
         return false;
     }
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): an array of pointers is what is meant
     plugin->history = static_cast<history_capture_t **>(std::calloc(count, sizeof(history_capture_t *)));
     if (plugin->history == nullptr) {
         KS_ERROR("kestrune: Failed to allocate memory for kestrune structures");
