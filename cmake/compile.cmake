@@ -35,3 +35,6 @@ endif()
 if(KESTRUNE_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
+
+# For code whose build takes far longer than it ever runs: the command lines, and the tests' own code.
+set(KESTRUNE_COLD_OPTIONS -O0 -g1)

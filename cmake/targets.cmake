@@ -23,12 +23,11 @@ function(kestrune_test name label)
                                              ${PROJECT_SOURCE_DIR})
   target_link_libraries(${name} PRIVATE ${TEST_LIBS} ks_test_support GTest::gtest GTest::gtest_main
                                         Threads::Threads)
-  target_compile_options(${name} PRIVATE ${KESTRUNE_TEST_OPTIONS})
+  target_compile_options(${name} PRIVATE ${KESTRUNE_COLD_OPTIONS})
   target_compile_definitions(${name} PRIVATE ${KESTRUNE_TEST_DEFINITIONS})
   target_precompile_headers(${name} REUSE_FROM ks_test_headers)
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES LABELS ${label} TIMEOUT ${TEST_TIMEOUT} SKIP_RETURN_CODE 77)
 endfunction()
 
-set(KESTRUNE_TEST_OPTIONS -O0 -g1)
 set(KESTRUNE_TEST_DEFINITIONS KESTRUNE_BUILD_DIR="${CMAKE_BINARY_DIR}" KESTRUNE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")

@@ -37,6 +37,7 @@
 
 #include "common/ip_addr.h"
 #include "common/lock.h"
+#include "history_capture/ring_memory.h"
 #include "storage/fhf_table.h"
 
 #include <atomic>
@@ -106,6 +107,7 @@ struct history_capture_t {
     fhf_table_t *slow_search_table KS_GUARDED_BY(state_lock); // owned; rules waiting for their run
     std::atomic<uint32_t> new_rules;               // rules in slow_search_table; changed under position_lock
     pthread_t search_thread;                       // runs hc_search_thread while enabled
+    ring_rest_t unpopulated;                       // of buffer; the search thread's own while it runs
     std::atomic<uint8_t> searching;                // 1 while a run is under way
     std::atomic<uint64_t> search_position;         // canonical offset of the record examined next
     uint64_t search_end KS_GUARDED_BY(state_lock); // `last` when the run began
@@ -184,8 +186,9 @@ void hc_info(history_capture_t *hc, hc_info_t *out);
 
 // The rest is the room's own.
 
-// Body of the search thread: waits for rules, makes a run, pauses. Started by hc_enable, stopped by
-// hc_disable; can be cancelled at its wait and its pause only.
+// Body of the search thread: populates the ring's memory, waits for rules, makes a run, pauses. Started by
+// hc_enable, stopped by hc_disable; can be cancelled between two parts of the memory, at its wait and at its
+// pause only.
 void *hc_search_thread(void *history_capture);
 void hc_clean_search_thread(void *history_capture);
 

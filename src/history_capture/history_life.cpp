@@ -202,14 +202,14 @@ int32_t hc_enable(history_capture_t *hc, uint64_t size)
         mutex_unlock(&hc->life_lock);
         return HC_RUNNING;
     }
-    uint8_t *buffer = ring_allocate(size);
+    uint8_t *buffer = ring_allocate(size, &hc->unpopulated); // the last search thread has ended
     if (buffer == nullptr) {
         mutex_unlock(&hc->life_lock);
         return HC_NO_MEMORY;
     }
-    if (thread_start(&hc->search_thread, hc_search_thread, hc) != 0) { // it sleeps until the first rule comes
+    if (thread_start(&hc->search_thread, hc_search_thread, hc) != 0) {
         KS_ERROR("kestrune: History_capture: Search thread was not created");
-        ring_free(buffer, size);
+        ring_free(buffer, size, &hc->unpopulated);
         mutex_unlock(&hc->life_lock);
         return HC_NO_MEMORY;
     }
@@ -239,7 +239,7 @@ void hc_disable(history_capture_t *hc)
 
     uint64_t size = 0;
     uint8_t *buffer = detach_ring(hc, &size);
-    ring_free(buffer, size);
+    ring_free(buffer, size, &hc->unpopulated);
     mutex_unlock(&hc->life_lock);
 }
 

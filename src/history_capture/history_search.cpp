@@ -6,7 +6,8 @@
 //        |                                 v
 //     5 s pause <---- finish_run <---- walk of the records that were in the ring (state_lock for reading)
 //
-// The thread can be cancelled while it waits and while it pauses. hc_disable sets `stopping` first: a thread
+// While no rule has come the thread populates the ring's memory ahead of the packets. It can be cancelled
+// between two parts of that, while it waits and while it pauses. hc_disable sets `stopping` first: a thread
 // that was about to begin a run then goes back to waiting; one that has swapped the tables makes its run.
 
 #include "history_capture/history_capture.h"
@@ -189,6 +190,21 @@ timespec pause_of(const history_capture_t *hc)
     return {hc->search_pause_ms / 1000, static_cast<long>(hc->search_pause_ms % 1000) * 1000000};
 }
 
+// Wait until rules have come, populating the ring meanwhile.
+void wait_for_rules(history_capture_t *hc)
+{
+    bool posted = sem_trywait(&hc->search_semaphore) == 0;
+    thread_cancel_enable();
+    while (!posted && ring_populate(&hc->unpopulated)) {
+        pthread_testcancel();
+        posted = sem_trywait(&hc->search_semaphore) == 0;
+    }
+    while (!posted) {
+        posted = sem_wait(&hc->search_semaphore) == 0;
+    }
+    thread_cancel_disable();
+}
+
 double seconds_of(const timespec &time)
 {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
@@ -231,10 +247,7 @@ void *hc_search_thread(void *history_capture)
     pthread_cleanup_push(hc_clean_search_thread, hc);
     KS_INFO(LOG_DETAIL, "kestrune: History_capture: Seach thread created");
     for (;;) {
-        thread_cancel_enable();
-        while (sem_wait(&hc->search_semaphore) != 0) {
-        }
-        thread_cancel_disable();
+        wait_for_rules(hc);
         KS_INFO(LOG_DETAIL, "kestrune: Fast search - new run");
         hc_run_t run = {};
         if (begin_run(hc, &run)) {

@@ -1,5 +1,6 @@
 #include "history_capture/ring_memory.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -11,9 +12,11 @@ namespace {
 
 // From here on a ring is mapped on its own: below, a huge page would not fit in it.
 constexpr uint64_t MAPPED_SIZE = uint64_t{2} << 20;
+// One huge page at a time.
+constexpr uint64_t POPULATE_SIZE = uint64_t{2} << 20;
 
-// Bytes of all mapped rings of this process.
-std::atomic<uint64_t> mapped_total{0};
+// Bytes of all rings of this process that are not populated yet: the system still counts them as available.
+std::atomic<uint64_t> promised{0};
 
 // Memory that the system could give without swapping (MemAvailable of proc(5)), bytes; UINT64_MAX when it
 // does not say.
@@ -32,24 +35,25 @@ uint64_t available_memory()
     return line != nullptr ? std::strtoull(line + sizeof KEY - 1, nullptr, 10) << 10 : UINT64_MAX;
 }
 
-// Count `size` bytes as mapped. False when the rings together would take more than there is: the kernel
+// Count `size` bytes as promised. False when the rings together would take more than there is: the kernel
 // grants such memory and kills a process when it is used.
 bool reserve(uint64_t size)
 {
     const uint64_t available = available_memory();
-    uint64_t total = mapped_total.load();
+    uint64_t total = promised.load();
     do {
         if (size > available || total > available - size) {
             return false;
         }
-    } while (!mapped_total.compare_exchange_weak(total, total + size));
+    } while (!promised.compare_exchange_weak(total, total + size));
     return true;
 }
 
 } // namespace
 
-uint8_t *ring_allocate(uint64_t size)
+uint8_t *ring_allocate(uint64_t size, ring_rest_t *rest)
 {
+    *rest = {};
     if (size < MAPPED_SIZE) {
         return static_cast<uint8_t *>(std::calloc(1, size));
     }
@@ -58,15 +62,28 @@ uint8_t *ring_allocate(uint64_t size)
     }
     void *memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
-        mapped_total -= size;
+        promised -= size;
         return nullptr;
     }
     madvise(memory, size, MADV_HUGEPAGE); // refused where huge pages are off: then small ones serve
     madvise(memory, size, MADV_DONTDUMP); // gigabytes of other people's packets
-    return static_cast<uint8_t *>(memory);
+    *rest = {static_cast<uint8_t *>(memory), size};
+    return rest->begin;
 }
 
-void ring_free(uint8_t *buffer, uint64_t size)
+bool ring_populate(ring_rest_t *rest)
+{
+    const uint64_t part = std::min(rest->size, POPULATE_SIZE);
+    if (part == 0 || madvise(rest->begin, part, MADV_POPULATE_WRITE) != 0) {
+        return false;
+    }
+    rest->begin += part;
+    rest->size -= part;
+    promised -= part;
+    return true;
+}
+
+void ring_free(uint8_t *buffer, uint64_t size, const ring_rest_t *rest)
 {
     if (buffer == nullptr) {
         return;
@@ -75,6 +92,6 @@ void ring_free(uint8_t *buffer, uint64_t size)
         std::free(buffer);
     } else {
         munmap(buffer, size);
-        mapped_total -= size;
+        promised -= rest->size;
     }
 }

@@ -1,5 +1,7 @@
 #include "support/pcap_read.h"
 
+#include "support/test_host.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -8,6 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -67,8 +70,11 @@ int thread_count()
     // The thread sanitizer starts a thread of its own with a program's first one: it counts from the
     // beginning.
     [[maybe_unused]] static const bool first = [] {
-        std::thread([] {}).join();
-        return true;
+        pid_t id = 0;
+        std::thread([&id] { id = gettid(); }).join();
+        const std::string entry = "/proc/self/task/" + std::to_string(id);
+        return wait_until(
+            [&] { return !std::filesystem::exists(entry); }); // stays for a moment after the join
     }();
     const std::filesystem::directory_iterator tasks("/proc/self/task");
     return static_cast<int>(std::distance(begin(tasks), end(tasks)));
