@@ -104,6 +104,9 @@ std::chrono::milliseconds parse_time(const std::string &text)
     if (time.count() == 0) {
         throw std::invalid_argument("'" + printable(text) + "' is no time to wait");
     }
+    if (time > std::chrono::hours(24 * 366)) {
+        throw std::invalid_argument("'" + printable(text) + "' is longer than a year");
+    }
     return time;
 }
 

@@ -1,10 +1,13 @@
 // watch: a line per update, and on a terminal a bar per running rule. Updates name rules by id, and only an
 // INCIDENT tells the address; bars of rules that were there before come from LIST and DETAIL, by address.
+// These are asked on a connection of their own: an update that meets a half-sent long reply is lost, and an
+// INCIDENT's loss ends the registration.
 #include "client/ctl/commands.h"
 
 #include <algorithm>
 #include <ctime>
 #include <map>
+#include <memory>
 #include <set>
 
 namespace kestrune {
@@ -14,7 +17,7 @@ namespace {
 using steady_t = std::chrono::steady_clock;
 
 constexpr auto BAR_TIME = std::chrono::seconds(1);
-// Without bars, requests only show that the probe still answers.
+// Without bars, a request only shows that the probe still answers.
 constexpr auto LIVENESS_TIME = std::chrono::seconds(15);
 constexpr size_t BARS_MAX = 16; // of one probe; terminals are not higher
 
@@ -33,13 +36,16 @@ public:
     watcher_t(session_t *session, const options_t &options, const endpoint_t &endpoint, console_t *console)
         : session_(*session), options_(options), console_(*console), probe_(endpoint.text())
     {
+        if (console_.has_bars()) {
+            bars_ = std::make_unique<session_t>(endpoint, session_options(options));
+        }
     }
 
     [[noreturn]] void run()
     {
         session_.updates_on();
         for (;;) {
-            const auto period = console_.has_bars() ? BAR_TIME : LIVENESS_TIME;
+            const auto period = bars_ ? BAR_TIME : LIVENESS_TIME;
             if (std::optional<update_t> update = session_.next_update(next_poll_)) {
                 take(*update);
             } else {
@@ -105,9 +111,17 @@ private:
 
     void poll()
     {
-        const rule_list_t rules = session_.list(msg_target::ALL);
+        (void)session_.history_info(); // throws when the probe does not answer any more
+        if (bars_) {
+            show_bars();
+        }
+    }
+
+    void show_bars()
+    {
+        const rule_list_t rules = bars_->list(msg_target::ALL);
         std::set<std::string> shown;
-        for (size_t i = 0; console_.has_bars() && i < rules.size() && i < BARS_MAX; i++) {
+        for (size_t i = 0; i < rules.size() && i < BARS_MAX; i++) {
             const std::string addr = ip_addr_text(rules[i].addr).text;
             console_.set_bar(key(addr), bar_of(rules[i].addr, addr));
             shown.insert(addr);
@@ -125,7 +139,7 @@ private:
         bar_t bar;
         bar.label = (options_.probes.size() > 1 ? probe_ + " " : "") + addr;
         try {
-            const msg_ip_detail_t detail = session_.detail(key).fields;
+            const msg_ip_detail_t detail = bars_->detail(key).fields;
             bar.packets = detail.packets;
             bar.packet_limit = detail.packet_limit;
             bar.elapsed_s = detail.elapsed_s;
@@ -154,7 +168,8 @@ private:
 
     std::string key(const std::string &addr) const { return probe_ + " " + addr; }
 
-    session_t &session_;
+    session_t &session_;              // registered for updates
+    std::unique_ptr<session_t> bars_; // null without bars
     const options_t &options_;
     console_t &console_;
     const std::string probe_;
