@@ -4,10 +4,17 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
 struct config_option_t;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool SANITIZED = true; // slower by far: fewer rounds of what repeats itself
+#else
+constexpr bool SANITIZED = false;
+#endif
 
 namespace test_host {
 
@@ -26,6 +33,8 @@ bool logged(const std::string &part);
 void reset(int32_t level = 5);
 // What config_set_values does; the default answers 0 and stores nothing.
 void on_config(std::function<int(const char *, config_option_t *)> parse);
+// Let it find these items in the parameter string.
+void set_params(const std::map<std::string, std::string> &params);
 
 } // namespace test_host
 
