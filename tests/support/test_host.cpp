@@ -96,3 +96,11 @@ bool wait_until(const std::function<bool()> &condition, int milliseconds)
     }
     return true;
 }
+
+bool resources_fall_to(const std::pair<long, long> &most)
+{
+    return wait_until([&] {
+        const auto [descriptors, threads] = resources();
+        return descriptors <= most.first && threads <= most.second;
+    });
+}

@@ -2,6 +2,8 @@
 // verbose_msg and verbose_level, and keeps every message that the plugin logs.
 #pragma once
 
+#include "support/pcap_read.h"
+
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -40,3 +42,6 @@ void set_params(const std::map<std::string, std::string> &params);
 
 // Wait until the condition holds, at most this long; true when it came to hold.
 bool wait_until(const std::function<bool()> &condition, int milliseconds = 10000);
+// Wait until there are no more descriptors and threads than that. Fewer will do: a thread is counted for a
+// moment after it was joined, and one that had ended may have been among them.
+bool resources_fall_to(const std::pair<long, long> &most);

@@ -131,7 +131,7 @@ TEST(Load, NothingPilesUpOverManyConnections)
     connect_and_leave(200);
     const long before = address_space();
     connect_and_leave(connections);
-    EXPECT_TRUE(wait_until([&] { return resources() == resources_before; }));
+    EXPECT_TRUE(resources_fall_to(resources_before));
     EXPECT_LT(address_space() - before, 1 << 30); // every thread that nobody joined keeps its 8 MB of stack
 }
 
@@ -190,7 +190,7 @@ TEST(Load, StoppingInTheMiddleLeavesNothingBehind)
         stop = true;
         packets.join();
     }
-    EXPECT_TRUE(wait_until([&] { return resources() == before; }));
+    EXPECT_TRUE(resources_fall_to(before));
     EXPECT_LE(longest, 2000);
 }
 

@@ -115,7 +115,7 @@ TEST(Lifecycle, NothingRemainsOfTwoHundredLives)
         }
         longest_stop = std::max(longest_stop, live(i, files.path()));
         ASSERT_EQ(dlopen(LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr) << "still loaded after cycle " << i;
-        ASSERT_TRUE(wait_until([&] { return resources() == before; })) << "cycle " << i;
+        ASSERT_TRUE(resources_fall_to(before)) << "cycle " << i;
     }
     EXPECT_EQ(read_text("/proc/self/maps").find("kestrune.so"), std::string::npos);
     EXPECT_LT(longest_stop, 2);

@@ -190,5 +190,5 @@ TEST(HistoryLife, SurvivesEverythingAtOnce)
         EXPECT_GT(stored, 1000U);
         EXPECT_GT(rules, 50U);
     }
-    EXPECT_TRUE(wait_until([&] { return resources() == before; }));
+    EXPECT_TRUE(resources_fall_to(before));
 }

@@ -55,7 +55,7 @@ protected:
 
     void expect_nothing_left() const
     {
-        EXPECT_TRUE(wait_until([&] { return resources() == before; })) << "threads or descriptors left";
+        EXPECT_TRUE(resources_fall_to(before)) << "threads or descriptors left";
     }
 
     temp_dir_t files;
