@@ -12,13 +12,10 @@
 #include "support/pcap_read.h"
 #include "support/test_host.h"
 
-#include <algorithm>
-#include <arpa/inet.h>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sstream>
 #include <string>
@@ -27,10 +24,9 @@
 #include <utility>
 #include <vector>
 
-// "00 09" as two bytes; '|' separates as a blank does.
-inline std::string hex(std::string digits)
+// "00 09" as two bytes.
+inline std::string hex(const std::string &digits)
 {
-    std::replace(digits.begin(), digits.end(), '|', ' ');
     std::istringstream in(digits);
     std::string bytes;
     for (std::string byte; in >> byte;) {
@@ -106,6 +102,16 @@ public:
             close(std::exchange(fd, -1));
         }
     }
+    // Connected to the socket of this process that listens there.
+    static stream_t connected_to(int listening)
+    {
+        sockaddr_storage address = {}; // any address of this machine stands for the machine itself
+        socklen_t size = sizeof address;
+        getsockname(listening, reinterpret_cast<sockaddr *>(&address), &size);
+        stream_t stream(socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(connect(stream.fd, reinterpret_cast<sockaddr *>(&address), size), 0);
+        return stream;
+    }
     void send_bytes(const std::string &bytes) const
     {
         ASSERT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
@@ -146,16 +152,9 @@ public:
 struct connection_t {
     connection_t()
     {
-        sockaddr_in address = {};
-        socklen_t size = sizeof address;
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        auto *any = reinterpret_cast<sockaddr *>(&address);
         const stream_t port(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        client = stream_t(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        EXPECT_EQ(bind(port.fd, any, size) | listen(port.fd, 1), 0);
-        getsockname(port.fd, any, &size);
-        EXPECT_EQ(connect(client.fd, any, size), 0);
+        EXPECT_EQ(listen(port.fd, 1), 0); // on a port of the system's choice
+        client = stream_t::connected_to(port.fd);
         server = stream_t(accept4(port.fd, nullptr, nullptr, SOCK_CLOEXEC));
         msg_channel_open(&channel, server.fd);
     }
@@ -240,27 +239,16 @@ private:
     std::string script;
 };
 
-// A registry whose passes the test makes itself.
+// A registry whose passes the test makes itself, unless it wants others.
 class registry_t : public captures_t {
 public:
-    explicit registry_t(int queues = 0, uint64_t ring_size = 0) : captures_t(queues, ring_size)
+    explicit registry_t(int queues = 0, uint64_t ring_size = 0, uint32_t pass_pause_ms = 1000000)
+        : captures_t(queues, ring_size)
     {
-        rm_pass_pause_ms = 1000000;
+        rm_pass_pause_ms = pass_pause_ms;
         EXPECT_EQ(rm_init(&rm, live, history.data(), queues), RM_OK);
     }
-    ~registry_t()
-    {
-        destroy();
-        rm_pass_pause_ms = RM_PASS_PAUSE_MS;
-    }
-    registry_t(const registry_t &) = delete;
-    registry_t &operator=(const registry_t &) = delete;
-    void destroy()
-    {
-        if (!std::exchange(destroyed, true)) {
-            rm_destroy(&rm);
-        }
-    }
+    ~registry_t() { rm_destroy(&rm); }
 
     int32_t add(uint32_t number, uint8_t direction, uint32_t packets, uint32_t seconds,
                 const std::string &name)
@@ -285,7 +273,6 @@ public:
         msg_ip_list_item_t *items = nullptr;
         const int32_t count = rm_address_list(&rm, filter, &items);
         std::vector<std::pair<int, int>> found;
-        found.reserve(static_cast<size_t>(std::max(count, 0)));
         for (int32_t i = 0; i < count; i++) {
             found.emplace_back(items[i].addr.bytes[4], items[i].direction);
         }
@@ -307,9 +294,6 @@ public:
     }
 
     rules_manager_t rm;
-
-private:
-    bool destroyed = false;
 };
 
 // A listener on a free port, its monitor's pauses as long as the test wants them.
@@ -327,32 +311,13 @@ public:
             return listening != 0;
         }));
     }
-    ~server_t()
-    {
-        stop();
-        rm_pass_pause_ms = RM_PASS_PAUSE_MS;
-    }
-    server_t(const server_t &) = delete;
-    server_t &operator=(const server_t &) = delete;
+    ~server_t() { stop(); }
     void stop()
     {
         ls_destroy(listener);
         listener = nullptr;
     }
-    stream_t connect_client() const
-    {
-        sockaddr_storage address = {};
-        socklen_t size = sizeof address;
-        getsockname(listener->sock, reinterpret_cast<sockaddr *>(&address), &size);
-        if (address.ss_family == AF_INET) {
-            reinterpret_cast<sockaddr_in *>(&address)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        }
-        stream_t stream(socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        if (connect(stream.fd, reinterpret_cast<sockaddr *>(&address), size) != 0) {
-            stream.end();
-        }
-        return stream;
-    }
+    stream_t connect_client() const { return stream_t::connected_to(listener->sock); }
 
     listener_t *listener;
 };

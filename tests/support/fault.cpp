@@ -12,13 +12,11 @@
 namespace {
 
 std::atomic<int> countdown{0};
-std::atomic<int> counted{0};
 std::atomic<const char *> failed_name{nullptr};
 std::atomic<const char *> always{""};
 
 bool fails(const char *name, int error)
 {
-    counted.fetch_add(1);
     bool fail = std::strcmp(always.load(), name) == 0;
     if (countdown.load() > 0 && countdown.fetch_sub(1) == 1) {
         fail = true;
@@ -36,7 +34,6 @@ namespace fault {
 
 void fail_call(int n)
 {
-    counted.store(0);
     failed_name.store(nullptr);
     countdown.store(n);
 }
@@ -44,11 +41,6 @@ void fail_call(int n)
 void fail_function(const char *name)
 {
     always.store(name);
-}
-
-int calls()
-{
-    return counted.load();
 }
 
 std::string failed()

@@ -7,13 +7,10 @@
 
 namespace fault {
 
-// Let the n-th call (from 1) of any wrapped function fail from now on; 0 lets all succeed. The count
-// restarts.
+// Let the n-th call (from 1) of any wrapped function fail from now on; 0 lets all succeed.
 void fail_call(int n);
 // Let every call of this function fail ("mmap", a literal); "" for none.
 void fail_function(const char *name);
-// Calls of wrapped functions since fail_call.
-int calls();
 // Name of the function that fail_call made fail, or "".
 std::string failed();
 

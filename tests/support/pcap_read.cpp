@@ -52,20 +52,7 @@ std::vector<pcap_record_t> read_pcap(const std::string &path, size_t *torn)
     return records;
 }
 
-std::vector<std::string> open_descriptors()
-{
-    std::vector<std::string> targets;
-    std::error_code error;
-    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        const std::string target = std::filesystem::read_symlink(entry.path(), error).string();
-        if (!error && target.find("/proc/") != 0) {
-            targets.push_back(target);
-        }
-    }
-    return targets;
-}
-
-int thread_count()
+std::pair<long, long> resources()
 {
     // The thread sanitizer starts a thread of its own with a program's first one: it counts from the
     // beginning.
@@ -76,8 +63,11 @@ int thread_count()
         return wait_until(
             [&] { return !std::filesystem::exists(entry); }); // stays for a moment after the join
     }();
-    const std::filesystem::directory_iterator tasks("/proc/self/task");
-    return static_cast<int>(std::distance(begin(tasks), end(tasks)));
+    const auto entries = [](const char *folder) {
+        const std::filesystem::directory_iterator all(folder);
+        return std::distance(begin(all), end(all));
+    };
+    return {entries("/proc/self/fd"), entries("/proc/self/task")};
 }
 
 temp_dir_t::temp_dir_t()

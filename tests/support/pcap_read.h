@@ -1,9 +1,10 @@
-// Files and descriptors as tests see them; capture files read independently of the writer.
+// Files, descriptors and threads as tests see them; capture files read independently of the writer.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct pcap_record_t {
@@ -20,9 +21,8 @@ std::vector<pcap_record_t> read_pcap(const std::string &path, size_t *torn = nul
 // The whole content, "" where there is no such file.
 std::string file_bytes(const std::string &path);
 
-// Names of the open descriptors' targets, and the number of threads of this process.
-std::vector<std::string> open_descriptors();
-int thread_count();
+// Open descriptors and threads of this process: what a test must leave as it found them.
+std::pair<long, long> resources();
 
 // A fresh directory that is removed with everything in it at the end.
 class temp_dir_t {

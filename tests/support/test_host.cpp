@@ -66,6 +66,23 @@ void on_config(std::function<int(const char *, config_option_t *)> parse)
     parser = std::move(parse);
 }
 
+void set_params(const std::map<std::string, std::string> &params)
+{
+    static std::map<std::string, std::string> kept; // the plugin may point into the host's strings
+    kept = params;
+    on_config([](const char *, config_option_t *options) {
+        for (config_option_t *option = options; option->kind != CONFIG_END; option++) {
+            const auto item = kept.find(option->name);
+            if (item != kept.end() && option->kind == CONFIG_INT) {
+                *static_cast<int32_t *>(option->target) = std::stoi(item->second);
+            } else if (item != kept.end()) {
+                *static_cast<char **>(option->target) = item->second.data();
+            }
+        }
+        return 0;
+    });
+}
+
 } // namespace test_host
 
 bool wait_until(const std::function<bool()> &condition, int milliseconds)
@@ -78,4 +95,12 @@ bool wait_until(const std::function<bool()> &condition, int milliseconds)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+bool resources_fall_to(const std::pair<long, long> &most)
+{
+    return wait_until([&] {
+        const auto [descriptors, threads] = resources();
+        return descriptors <= most.first && threads <= most.second;
+    });
 }

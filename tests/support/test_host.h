@@ -2,12 +2,21 @@
 // verbose_msg and verbose_level, and keeps every message that the plugin logs.
 #pragma once
 
+#include "support/pcap_read.h"
+
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
 struct config_option_t;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool SANITIZED = true; // slower by far: fewer rounds of what repeats itself
+#else
+constexpr bool SANITIZED = false;
+#endif
 
 namespace test_host {
 
@@ -26,8 +35,13 @@ bool logged(const std::string &part);
 void reset(int32_t level = 5);
 // What config_set_values does; the default answers 0 and stores nothing.
 void on_config(std::function<int(const char *, config_option_t *)> parse);
+// Let it find these items in the parameter string.
+void set_params(const std::map<std::string, std::string> &params);
 
 } // namespace test_host
 
 // Wait until the condition holds, at most this long; true when it came to hold.
 bool wait_until(const std::function<bool()> &condition, int milliseconds = 10000);
+// Wait until there are no more descriptors and threads than that. Fewer will do: a thread is counted for a
+// moment after it was joined, and one that had ended may have been among them.
+bool resources_fall_to(const std::pair<long, long> &most);

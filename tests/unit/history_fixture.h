@@ -2,27 +2,24 @@
 // that tell who they are, and a plain model of the ring.
 #pragma once
 
-#include "common/ip_addr.h"
 #include "common/progress.h"
 #include "history_capture/history_capture.h"
 #include "support/fault.h"
+#include "support/host_records.h"
 #include "support/pcap_read.h"
 #include "support/test_host.h"
 
 #include <atomic>
-#include <cstring>
 #include <deque>
 #include <gtest/gtest.h>
-#include <memory>
 #include <string>
 #include <vector>
 
 inline std::atomic<time_t> test_clock{1000}; // what time() answers
 
-inline ip_addr_t address(uint8_t number)
+extern "C" __attribute__((used)) inline time_t __wrap_time(time_t *)
 {
-    const uint8_t bytes[4] = {number, 0, 0, 10};
-    return ip_addr_from_ipv4(bytes);
+    return test_clock.load();
 }
 
 struct packet_t {
@@ -35,11 +32,14 @@ struct packet_t {
 // Packet number n of this many bytes; the bytes depend on n.
 inline packet_t make_packet(uint64_t n, uint32_t length, uint8_t src, uint8_t dst)
 {
-    std::string data(length, '\0');
-    for (uint32_t i = 0; i < length; i++) {
-        data[i] = static_cast<char>(n * 31 + i * 7);
-    }
-    return {address(src), address(dst), std::move(data), n};
+    static const std::string bytes = [] {
+        std::string counting(1 << 17, '\0');
+        for (size_t i = 0; i < counting.size(); i++) {
+            counting[i] = static_cast<char>(i * 7);
+        }
+        return counting;
+    }();
+    return {numbered_address(src), numbered_address(dst), bytes.substr(n * 31 % 256, length), n};
 }
 
 inline int32_t enqueue(history_capture_t *hc, const packet_t &packet)
@@ -56,23 +56,27 @@ public:
         hc->search_pause_ms = pause_ms;
     }
     ~ring_t() { hc_destroy(hc); }
-    ring_t(const ring_t &) = delete;
-    ring_t &operator=(const ring_t &) = delete;
 
     int32_t add(uint8_t number, uint8_t direction, const std::string &name) const
     {
-        const ip_addr_t ip = address(number);
+        const ip_addr_t ip = numbered_address(number);
         return hc_add_rule(hc, &ip, direction, files.path(name).c_str());
     }
     uint64_t progress(uint8_t number, uint8_t remove = 0) const
     {
-        const ip_addr_t ip = address(number);
+        const ip_addr_t ip = numbered_address(number);
         return hc_search_progress(hc, &ip, remove);
     }
     bool finishes(uint8_t number) const
     {
         return wait_until(
             [&] { return progress_percent(progress(number)) == PROGRESS_DONE && hc->searching == 0; });
+    }
+    // Whatever is added now waits: the search thread has made a run and pauses (give the ring a long pause).
+    void let_rules_wait() const
+    {
+        ASSERT_EQ(add(99, BOTH, "first"), HC_OK);
+        ASSERT_TRUE(finishes(99));
     }
     hc_info_t info() const
     {
@@ -117,6 +121,7 @@ public:
     }
 
     std::deque<record_t> records; // oldest first
+    uint64_t next = 0;
     uint64_t size;
 
 private:
@@ -148,6 +153,5 @@ private:
         }
     }
 
-    uint64_t next = 0;
     uint64_t freed;
 };

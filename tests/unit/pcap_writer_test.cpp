@@ -5,26 +5,16 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <sys/uio.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
-// The linker sends the writer's system calls through here, to count them and to let them be interrupted.
-namespace {
-int position_checks = 0;
-int vector_writes = 0;
-int interruptions = 0; // writing calls still to answer EINTR
-} // namespace
-
+// The linker sends the writer's system calls through here, to let them be interrupted.
 extern "C" {
-off_t __real_lseek(int fd, off_t offset, int whence);
-off_t __wrap_lseek(int fd, off_t offset, int whence);
 ssize_t __real_writev(int fd, const iovec *pieces, int count);
 ssize_t __wrap_writev(int fd, const iovec *pieces, int count);
 ssize_t __real_write(int fd, const void *bytes, size_t size);
@@ -32,6 +22,8 @@ ssize_t __wrap_write(int fd, const void *bytes, size_t size);
 }
 
 namespace {
+
+int interruptions = 0; // writing calls still to answer EINTR
 
 bool interrupted()
 {
@@ -41,15 +33,8 @@ bool interrupted()
 
 } // namespace
 
-off_t __wrap_lseek(int fd, off_t offset, int whence)
-{
-    position_checks++;
-    return __real_lseek(fd, offset, whence);
-}
-
 ssize_t __wrap_writev(int fd, const iovec *pieces, int count)
 {
-    vector_writes++;
     return interrupted() ? -1 : __real_writev(fd, pieces, count);
 }
 
@@ -85,16 +70,13 @@ protected:
     std::vector<uint8_t> packet = std::vector<uint8_t>(70000);
 };
 
-TEST_F(PcapWriter, FilesAreExactToTheByteWithOneCheckAndOneWriteForEachRecord)
+TEST_F(PcapWriter, FilesAreExactToTheByte)
 {
     interruptions = 2; // nothing was written: made again
     ASSERT_EQ(write_pcap_header(fd), 0);
-    position_checks = vector_writes = 0;
     ASSERT_EQ(write_pcap_packet(fd, packet.data(), 3, STAMP), 0);
     ASSERT_EQ(write_pcap_divided_packet(fd, packet.data(), 2, packet.data() + 100, 1, 3, STAMP + 1), 0);
     ASSERT_EQ(write_pcap_packet(fd, packet.data(), 0, (uint64_t{1} << 32) * 1'000'000'000), 0);
-    EXPECT_EQ(position_checks, 3);
-    EXPECT_EQ(vector_writes, 3);
     const std::vector<uint8_t> expected = {
         0x4d, 0x3c, 0xb2, 0xa1, 2,    0,    4,    0,    0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0,
         0,    1,    0,    0,    0,                                                               // header
@@ -108,21 +90,17 @@ TEST_F(PcapWriter, FilesAreExactToTheByteWithOneCheckAndOneWriteForEachRecord)
 TEST_F(PcapWriter, CutsLongPacketsAndAcceptsPiecesOfTheCutLength)
 {
     ASSERT_EQ(write_pcap_header(fd), 0);
-    const std::array<uint32_t, 4> lengths = {65534, 65535, 65536, 70000};
-    for (const uint32_t length : lengths) {
-        ASSERT_EQ(write_pcap_packet(fd, packet.data(), length, STAMP), 0);
-        const uint32_t second = std::min(length, 65535U) - 40;
+    std::vector<pcap_record_t> expected;
+    for (const uint32_t length : {65534U, 65535U, 65536U, 70000U}) {
+        const uint32_t cut = std::min(length, 65535U);
+        const pcap_record_t record = {STAMP, length, std::string(packet.begin(), packet.begin() + cut)};
+        expected.insert(expected.end(), 2, record);
         interruptions = 1;
-        ASSERT_EQ(write_pcap_divided_packet(fd, packet.data(), 40, packet.data() + 40, second, length, STAMP),
-                  0);
+        ASSERT_EQ(write_pcap_packet(fd, packet.data(), length, STAMP), 0);
+        ASSERT_EQ(
+            write_pcap_divided_packet(fd, packet.data(), 40, packet.data() + 40, cut - 40, length, STAMP), 0);
     }
-    const std::vector<pcap_record_t> records = read_pcap(path);
-    ASSERT_EQ(records.size(), 2 * lengths.size());
-    for (size_t i = 0; i < records.size(); i++) {
-        const uint32_t length = lengths[i / 2];
-        const std::string data(packet.begin(), packet.begin() + std::min(length, 65535U));
-        EXPECT_TRUE((records[i] == pcap_record_t{STAMP, length, data})) << i;
-    }
+    EXPECT_TRUE(read_pcap(path) == expected);
 }
 
 TEST_F(PcapWriter, RefusalsWriteNothing)
@@ -154,8 +132,6 @@ TEST_F(PcapWriter, BrokenDescriptorsAreReported)
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     expect_failure([&] { return write_pcap_header(ends[1]); },
                    "Checking position in file failed:: Illegal seek\n", ESPIPE);
-    expect_failure([&] { return write_pcap_packet(ends[1], packet.data(), 1, STAMP); },
-                   "Tried to write packet to file without valid pcap global header, aborted\n", ESPIPE);
     close(ends[0]);
     close(ends[1]);
     const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
@@ -177,39 +153,6 @@ TEST_F(PcapWriter, FullDiskTearsOneRecordAndLosesNothingBeforeIt)
     size_t torn = 0;
     EXPECT_EQ(read_pcap(path, &torn).size(), 3U);
     EXPECT_EQ(torn, 50U);
-}
-
-std::string output_of(const std::string &command)
-{
-    FILE *pipe = popen(command.c_str(), "r"); // NOLINT: a fixed program of the system
-    std::string text;
-    for (int c = pipe != nullptr ? fgetc(pipe) : EOF; c != EOF; c = fgetc(pipe)) {
-        text += static_cast<char>(c);
-    }
-    const int status = pipe != nullptr ? pclose(pipe) : -1;
-    return WIFEXITED(status) && WEXITSTATUS(status) == 127 ? "absent" : text;
-}
-
-TEST_F(PcapWriter, OtherReadersSeeNanosecondsAndLengths)
-{
-    ASSERT_EQ(write_pcap_header(fd), 0);
-    ASSERT_EQ(write_pcap_packet(fd, packet.data(), 60, STAMP), 0);
-    ASSERT_EQ(write_pcap_packet(fd, packet.data(), 70000, STAMP + 1), 0);
-    const std::string quiet = " -r " + path + " 2>/dev/null";
-    const std::string tshark =
-        output_of("tshark -T fields -e frame.time_epoch -e frame.len -e frame.cap_len" + quiet);
-    const std::string tcpdump = output_of("tcpdump -n -e -tt --time-stamp-precision=nano" + quiet);
-    if (tshark.starts_with("absent") && tcpdump.starts_with("absent")) {
-        GTEST_SKIP() << "neither tshark nor tcpdump is installed";
-    }
-    if (!tshark.starts_with("absent")) {
-        EXPECT_EQ(tshark, "1500000000.123456789\t60\t60\n1500000000.123456790\t70000\t65535\n");
-    }
-    if (!tcpdump.starts_with("absent")) {
-        for (const char *part : {"1500000000.123456789 ", "1500000000.123456790 ", "length 70000"}) {
-            EXPECT_NE(tcpdump.find(part), std::string::npos) << tcpdump;
-        }
-    }
 }
 
 } // namespace
