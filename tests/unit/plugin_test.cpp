@@ -6,6 +6,7 @@
 #include "support/pcap_read.h"
 #include "support/test_host.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
@@ -61,6 +62,43 @@ protected:
     temp_dir_t files;
     std::pair<long, long> before;
 };
+
+TEST_F(Plugin, DescribesItselfAndHandsItsOptionsAndTheirDefaultsToTheHostsParser)
+{
+    const plugin_desc_t *description = plugin_process_desc();
+    EXPECT_STREQ(description->name, "kestrune");
+    EXPECT_EQ(description->reserved_0, 0);
+    EXPECT_EQ(description->reserved_4, 4);
+    const std::string help = description->info;
+    EXPECT_EQ(std::count(help.begin(), help.end(), '\n'), 6);
+    EXPECT_TRUE(help.starts_with("Plugin to do live and hitory capture of traffic to files in libpcap format "
+                                 "with configurable\n  filter.\nParameters:\n  port=<port number>   Comm"));
+    EXPECT_TRUE(help.ends_with("\n                 Default path of script folder is:/usr/bin/kestrune"));
+    EXPECT_EQ(plugin_process_filter(nullptr, 1), 0);
+    EXPECT_EQ(vantor_api_version, 4);
+    EXPECT_EQ(plugin_type, 4);
+
+    std::vector<std::string> seen;
+    test_host::on_config([&](const char *params, config_option_t *options) {
+        EXPECT_STREQ(params, "the string");
+        for (; options->kind != CONFIG_END; options++) {
+            const char *text = options->kind == CONFIG_INT ? "" : *static_cast<char **>(options->target);
+            seen.push_back(options->name + ("/" + std::to_string(options->kind)) + "/" +
+                           (options->kind == CONFIG_INT
+                                ? std::to_string(*static_cast<int32_t *>(options->target))
+                            : text != nullptr ? text
+                                              : "(null)"));
+        }
+        EXPECT_EQ(options->name, nullptr);
+        EXPECT_EQ(options->target, nullptr);
+        return 1;
+    });
+    EXPECT_EQ(plugin_process_init("the string", nullptr, nullptr, 1), nullptr);
+    EXPECT_EQ(seen, (std::vector<std::string>{"port/1/37564", "pexadev/1//dev/pexacard/0",
+                                              "capture_script/1/(null)", "export_path/1/(null)",
+                                              "verbose/0/0", "buffer_size/0/8192"}));
+    EXPECT_EQ(last_error(), "kestrune: Plugin: Failed to parse input arguments");
+}
 
 TEST_F(Plugin, RefusesParametersWithTheirMessage)
 {
@@ -121,6 +159,33 @@ TEST_F(Plugin, TakesPathsVerbosityAndHistorySize)
 }
 
 // The listener's, the monitor's, the history's and the live capture's steps are among them.
+TEST_F(Plugin, LogsAStartAndAStopInOrder)
+{
+    test_host::reset(LOG_EVENT);
+    plugin_private_t *plugin = start(2, {{"export_path", files.path()}, {"capture_script", "notify.sh"}});
+    ASSERT_NE(plugin, nullptr);
+    plugin_process_shutdown(plugin);
+    std::vector<std::string> logged;
+    for (const test_host::message_t &message : test_host::messages()) {
+        EXPECT_EQ(message.flag, 1) << message.text;
+        logged.push_back(std::to_string(message.level) + " " + message.text);
+    }
+    EXPECT_EQ(logged, (std::vector<std::string>{
+                          "1 kestrune: Export path for files set: " + files.path(),
+                          "3 kestrune: Capture script is: /usr/bin/kestrune/notify.sh",
+                          "1 kestrune: Initializing...",
+                          "3 kestrune: Kestrune started",
+                          "3 kestrune: Rules manager thread created",
+                          "1 kestrune: Initialization done! Plugin is running...",
+                          "3 kestrune: Cleaning up private structures",
+                          "3 kestrune: Cleaning listener",
+                          "3 kestrune: Cleaning live capture filter",
+                          "3 kestrune: Cleaning history buffer 0",
+                          "3 kestrune: Cleaning history buffer 1",
+                          "3 kestrune: Plugin shutdown",
+                      }));
+}
+
 TEST_F(Plugin, EveryFailedStepIsToldAndUndoneAndTheNextStartSucceeds)
 {
     std::set<std::string> steps, errors;
