@@ -1,6 +1,5 @@
 // The built plugin, loaded, started, used, stopped and unloaded over and over in one process.
 #include "plugin/plugin.h"
-#include "support/child_process.h"
 #include "support/control_client.h"
 #include "support/host_records.h"
 #include "support/pcap_read.h"
@@ -122,7 +121,7 @@ protected:
     static std::vector<std::unique_ptr<control_client_t>> steer(const cycle_t &cycle)
     {
         uint16_t port = 0;
-        EXPECT_TRUE(wait_until([&] { return (port = listening_port(getpid())) != 0; }));
+        EXPECT_TRUE(wait_until([&] { return (port = listening_port()) != 0; }));
         std::vector<std::unique_ptr<control_client_t>> clients;
         for (int i = 0; i < 2; i++) {
             clients.push_back(std::make_unique<control_client_t>(port));
@@ -179,7 +178,7 @@ TEST_F(Lifecycle, NothingRemainsOfTwoHundredLives)
         ASSERT_EQ(open_descriptors().size(), descriptors) << "cycle " << i;
         ASSERT_TRUE(wait_until([&] { return thread_count() == threads; })) << "cycle " << i;
     }
-    EXPECT_EQ(read_text("/proc/self/maps").find("kestrune.so"), std::string::npos);
+    EXPECT_EQ(file_bytes("/proc/self/maps").find("kestrune.so"), std::string::npos);
     EXPECT_LT(longest_stop, STOP_LIMIT_S);
     EXPECT_TRUE(test_host::messages().empty()) << test_host::messages()[0].text;
     std::printf("longest stop %.3f s, resident %zu KiB, then %zu KiB\n", longest_stop, resident,
