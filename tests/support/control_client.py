@@ -6,10 +6,9 @@ import socket
 import struct
 import time
 
-from fake_probe import (ADD, ALL, DETAIL, FAIL, HB_INFO, HISTORY, INFO, IP_DETAIL, IP_LIST, LIST, ON, REMOVE, REQ_HS,
-                        STATE, SUCCESS, UPDATE, key_of)
+from fake_probe import (ADD, ALL, BOTH, DETAIL, HB_INFO, HEAVY_SIZE, HISTORY, INFO, IP_DETAIL, IP_LIST, LIST, OFF, ON,
+                        REMOVE, REQ_HS, STATE, UPDATE, key_of)
 
-OFF, BOTH, HEAVY_SIZE = 5, 2, 8
 INCIDENT, CAPTURE, VISUAL = 2, 3, 4
 SECONDS = 30
 
@@ -61,9 +60,8 @@ class Client:
         if kind != VISUAL:
             raise ValueError("unknown update %d" % kind)
         history_packets, live_packets, history_size, live_size = self._unpack("IIHH")
-        history = self._read(history_size).decode()
-        return kind, rule, history_packets, live_packets, history.split(",") if history else [], \
-            self._read(live_size).decode()
+        history, live = self._read(history_size).decode(), self._read(live_size).decode()
+        return kind, rule, history_packets, live_packets, history.split(",") if history else [], live
 
     def ask(self, action, target, payload=b""):
         """Send a request: the code of its answer."""
@@ -96,13 +94,11 @@ class Client:
         return [self._unpack("16sB") for _ in range(count)]
 
     def detail(self, address):
-        """None when there is no live capture."""
+        """Key, direction, progress, packets, their limit, seconds, their limit, name; None without live capture."""
         if self.ask(DETAIL, BOTH, key_of(address)) != IP_DETAIL:
             return None
-        names = ("key", "direction", "progress", "packets", "packet_limit", "elapsed", "time_limit", "length")
-        detail = dict(zip(names, self._unpack("16sBBIIIIB")))
-        detail["name"] = self._read(detail["length"]).decode()
-        return detail
+        *fields, length = self._unpack("16sBBIIIIB")
+        return *fields, self._read(length).decode()
 
     def history(self):
         code = self.ask(HISTORY, STATE)
@@ -122,6 +118,3 @@ class Client:
 
     def register(self):
         return self.ask(INFO, ON)
-
-
-__all__ = ["CAPTURE", "Client", "FAIL", "INCIDENT", "SUCCESS", "VISUAL", "key_of"]

@@ -1,14 +1,15 @@
-"""A stand-in for the plugin's control port, for tests of clients: the protocol of docs/protocol.md with rules that
-finish when the test says so. Nothing is captured."""
+"""A stand-in for the control port of the plugin, for tests of clients: the rules of docs/protocol.md, finishing when the
+test says so. Nothing is captured, and there is no history."""
 
 import ipaddress
 import socket
+import socketserver
 import struct
 import threading
 
 SUCCESS, FAIL, UNRECOGNIZED, IP_LIST, IP_DETAIL, HB_INFO, UPDATE = range(7)
 ADD, REMOVE, LIST, DETAIL, HISTORY, INFO, QUIT, REQ_HS = range(8)
-ALL, ON, OFF, STATE = 3, 4, 5, 6
+BOTH, ALL, ON, OFF, STATE, HEAVY_SIZE = 2, 3, 4, 5, 6, 8
 
 
 def key_of(text):
@@ -23,37 +24,48 @@ def header(code):
     return bytes((0, 9, code, 0))
 
 
+class Server(socketserver.ThreadingTCPServer):
+    """serve(connection) in a thread for each connection, from the start of the context manager."""
+
+    def __init__(self, serve):
+        super().__init__(("127.0.0.1", 0), lambda connection, *_: serve(connection))
+        self.name = "127.0.0.1:%d" % self.server_address[1]
+
+    def __enter__(self):
+        threading.Thread(target=self.serve_forever, args=(0.01,)).start()
+        return self
+
+    def __exit__(self, *_):
+        self.shutdown()
+        self.server_close()
+
+    def handle_error(self, *_):
+        pass  # the client has hung up
+
+
 class FakeProbe:
     """Listens on a port of its own from the start; use it as a context manager."""
 
-    def __init__(self, heavy_size=20):
+    def __init__(self):
         self.lock = threading.Condition()
         self.rules = {}  # key -> dict(id, direction, packets, limit, time, name); newest last
         self.next_id = 0
         self.clients = []  # registered connections
         self.requests = []  # (action, target) of every request, in order
-        self.history_mb = None
-        self.heavy_size = heavy_size
         self.refuse = set()  # actions answered with FAIL
         self.silent = set()  # actions that get no answer
-        self.listener = socket.create_server(("127.0.0.1", 0))
-        self.port = self.listener.getsockname()[1]
         self.connections = []
-        self.thread = threading.Thread(target=self._accept)
+        self.server = Server(self._serve)
+        self.name = self.server.name
 
     def __enter__(self):
-        self.thread.start()
+        self.server.__enter__()
         return self
 
     def __exit__(self, *_):
-        self.listener.shutdown(socket.SHUT_RDWR)
+        self.server.shutdown()
         self.hang_up()
-        self.thread.join()
-        self.listener.close()
-
-    @property
-    def name(self):
-        return f"127.0.0.1:{self.port}"
+        self.server.server_close()
 
     def hang_up(self):
         with self.lock:
@@ -69,9 +81,8 @@ class FakeProbe:
             if not self.lock.wait_for(condition, seconds):
                 raise AssertionError("the condition did not come to hold; requests: " + repr(self.requests))
 
-    def wait_for_rule(self, text):
-        self.wait(lambda: key_of(text) in self.rules)
-        return self.rules[key_of(text)]
+    def wait_asked(self, action, target=ALL, times=1):
+        self.wait(lambda: self.requests.count((action, target)) >= times)
 
     # What happens to rules
 
@@ -81,66 +92,46 @@ class FakeProbe:
 
     def add(self, text, name="other", limit=10, time=10):
         with self.lock:
-            self._add(key_of(text), 2, limit, time, name)
+            self._add(key_of(text), BOTH, limit, time, name)
 
     def capture(self, rule_id, percent):
         with self.lock:
             self._update(struct.pack("<BIB", 3, rule_id, percent))
 
-    def finish(self, text, live=b"", history=b"", live_packets=0, history_packets=0, report=True):
+    def finish(self, text, live=b"", history=b"", live_packets=0, history_packets=0):
         with self.lock:
             rule = self.rules.pop(key_of(text))
             self._update(struct.pack("<BIB", 3, rule["id"], 100))
-            if report:
-                lengths = (history_packets, live_packets, len(history), len(live))
-                self._update(struct.pack("<BIIIHH", 4, rule["id"], *lengths) + history + live)
-            self.lock.notify_all()
+            lengths = (history_packets, live_packets, len(history), len(live))
+            self._update(struct.pack("<BIIIHH", 4, rule["id"], *lengths) + history + live)
 
     # The server
 
-    def _accept(self):
-        handlers = []
-        while True:
-            try:
-                connection, _ = self.listener.accept()
-            except OSError:
-                break
-            with self.lock:
-                self.connections.append(connection)
-            handlers.append(threading.Thread(target=self._serve, args=(connection,)))
-            handlers[-1].start()
-        self.hang_up()
-        for handler in handlers:
-            handler.join()
-
     def _serve(self, connection):
         stream = connection.makefile("rb")
+        with self.lock:
+            self.connections.append(connection)
         try:
-            while True:
-                major, minor, action, target = stream.read(4)
-                if (major, minor) != (0, 9) or action == QUIT:
-                    break
+            while (request := stream.read(4)) and request[2] != QUIT:
+                action, target = request[2:]
                 reply = self._handle(connection, stream, action, target)
                 if action not in self.silent:
                     with self.lock:
                         connection.sendall(reply)
-        except (OSError, ValueError):
+        except OSError:
             pass
         with self.lock:
             self.clients = [client for client in self.clients if client is not connection]
             self.connections.remove(connection)
         stream.close()
-        connection.close()
 
     def _handle(self, connection, stream, action, target):
         payload = b""
-        if action == ADD and target <= 2:
+        if action == ADD and target <= BOTH:
             payload = stream.read(25)
             payload += stream.read(payload[24])
         elif action in (REMOVE, DETAIL):
             payload = stream.read(16)
-        elif (action, target) in ((HISTORY, ON), (REQ_HS, 8)):
-            payload = stream.read(4)
         with self.lock:
             self.requests.append((action, target))
             reply = header(FAIL)
@@ -169,19 +160,7 @@ class FakeProbe:
         if action == INFO:
             self.clients.append(connection)
             return header(SUCCESS)
-        if action == REQ_HS:
-            self.heavy_size, = struct.unpack("<I", payload)
-            return header(SUCCESS)
-        return self._history(target, payload)
-
-    def _history(self, target, payload):
-        if target == STATE:
-            size = (self.history_mb or 0) << 20
-            return header(HB_INFO) + struct.pack("<7I2Q", 2, 7, 3, 2, 4, 0, self.heavy_size, size, size // 2)
-        if (target == ON) == (self.history_mb is not None):
-            return header(FAIL)
-        self.history_mb = struct.unpack("<I", payload)[0] if target == ON else None
-        return header(SUCCESS)
+        return header(UNRECOGNIZED)
 
     def _add(self, key, direction, limit, time, name):
         if key in self.rules:

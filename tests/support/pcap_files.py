@@ -5,16 +5,17 @@ import struct
 MICROSECONDS, NANOSECONDS = 0xA1B2C3D4, 0xA1B23C4D
 HEADER_SIZE, RECORD_SIZE = 24, 16
 SNAP_LENGTH = 65535
+ETHERNET = 1
 
 
-def pcap_header(magic=NANOSECONDS):
-    return struct.pack("<IHHiIII", magic, 2, 4, 0, 0, SNAP_LENGTH, 1)
+def pcap_header(magic=NANOSECONDS, link_type=ETHERNET):
+    return struct.pack("<IHHiIII", magic, 2, 4, 0, 0, SNAP_LENGTH, link_type)
 
 
 def parse(data):
     """Every packet. A file that ends within a record, or cuts a packet short, is an error."""
     magic, major, minor, _, _, _, link_type = struct.unpack_from("<IHHiIII", data)
-    if magic not in (MICROSECONDS, NANOSECONDS) or (major, minor, link_type) != (2, 4, 1):
+    if magic not in (MICROSECONDS, NANOSECONDS) or (major, minor, link_type) != (2, 4, ETHERNET):
         raise ValueError("not an Ethernet pcap file")
     scale = 1000 if magic == MICROSECONDS else 1
     packets = []
@@ -34,14 +35,15 @@ def read(path):
         return parse(file.read())
 
 
-def records(packets):
-    """The packets as nanosecond records, without a file header."""
-    return b"".join(struct.pack("<IIII", ns // 10**9, ns % 10**9, len(data), len(data)) + data for ns, data in packets)
+def records(packets, unit=1):
+    """The packets as records with fractions in this unit of nanoseconds, without a file header."""
+    return b"".join(struct.pack("<IIII", ns // 10**9, ns % 10**9 // unit, len(data), len(data)) + data
+                    for ns, data in packets)
 
 
-def write(path, packets):
+def write(path, packets, magic=NANOSECONDS, link_type=ETHERNET):
     with open(path, "wb") as file:
-        file.write(pcap_header() + records(packets))
+        file.write(pcap_header(magic, link_type) + records(packets, 1000 if magic == MICROSECONDS else 1))
 
 
 def flow_of(frame):

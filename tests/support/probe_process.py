@@ -1,5 +1,5 @@
-"""The built probe with the built plugin as a process, steered with the built kestrunectl. KESTRUNE_BUILD names the
-folder that holds them."""
+"""The built probe as a process, and with the built plugin also steered with the built kestrunectl. KESTRUNE_BUILD names
+the folder that holds them."""
 
 import glob
 import json
@@ -13,8 +13,10 @@ import threading
 import time
 
 BUILD = os.environ["KESTRUNE_BUILD"]
-SOURCE = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", ".."))
-WEB = os.path.join(SOURCE, "examples", "pcaps", "web-dualstack-tls.pcap")
+PCAPS = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", "..", "examples", "pcaps"))
+WEB = os.path.join(PCAPS, "web-dualstack-tls.pcap")  # 7451 packets, all IP
+TAGGED = os.path.join(PCAPS, "vlan-qinq-icmp.pcap")  # 26 packets, 20 of them IP
+FRAGMENTS = os.path.join(PCAPS, "ipv6-fragments.pcap")  # 36 packets, all IP
 WATCHED = ("192.168.0.17", "2601:647:4b02:1d20:fd05:6f66:ecce:8bc7")
 LIMIT_S = 90  # that nothing may take, on a slow machine with a sanitizer
 
@@ -45,20 +47,14 @@ def listening_port(pid):
     inodes = set()
     for path in glob.glob("/proc/%d/fd/*" % pid):
         try:
-            found = re.match(r"socket:\[(\d+)\]", os.readlink(path))
+            inodes.update(re.findall(r"^socket:\[(\d+)\]", os.readlink(path)))
         except OSError:
-            continue
-        if found:
-            inodes.add(found.group(1))
-    for name in ("tcp", "tcp6"):
-        try:
-            with open("/proc/%d/net/%s" % (pid, name), encoding="ascii") as table:
-                rows = [line.split() for line in table][1:]
-        except OSError:
-            continue
-        for row in rows:
-            if row[3] == "0A" and row[9] in inodes:
-                return int(row[1].rsplit(":", 1)[1], 16)
+            continue  # closed meanwhile
+    for path in glob.glob("/proc/%d/net/tcp*" % pid):
+        with open(path, encoding="ascii") as table:
+            for row in [line.split() for line in table][1:]:
+                if row[3] == "0A" and row[9] in inodes:
+                    return int(row[1].rsplit(":", 1)[1], 16)
     return 0
 
 
@@ -66,15 +62,15 @@ class Command:
     """A kestrunectl --json that runs on its own until it is done."""
 
     def __init__(self, argv):
-        self.process = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE, text=True)
+        self.process = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
         self.lines = []
         self.reader = threading.Thread(target=self._read)
         self.reader.start()
 
     def _read(self):
-        for line in self.process.stdout:
-            self.lines.append(json.loads(line))
+        with self.process.stdout:
+            for line in self.process.stdout:
+                self.lines.append(json.loads(line))
 
     def interrupt(self):
         self.process.send_signal(signal.SIGINT)
@@ -86,36 +82,22 @@ class Command:
         finally:
             self.process.kill()
             self.reader.join()
-            self.process.stdout.close()
-            self.errors = self.process.stderr.read()
-            self.process.stderr.close()
         return self.process.returncode, self.lines
 
 
-class Probe:
-    """Starts at once; use it as a context manager. Its standard input is a pipe."""
+class ProbeProcess:
+    """Starts at once; use it as a context manager. Its standard input is a pipe, its output goes to files."""
 
-    def __init__(self, *arguments, params="", prefix=(), env=None):
-        self.folder = tempfile.mkdtemp(prefix="kestrune_e2e_")
-        self.export = os.path.join(self.folder, "captures")
-        os.mkdir(self.export)
-        self.prefix = list(prefix)
-        self.waiting = []
-        plugin_params = "port=0;export_path=%s;%s" % (self.export, params)
+    def __init__(self, *arguments, prefix=(), env=None):
+        self.folder = tempfile.mkdtemp(prefix="kestrune_test_")
+        self.prefix = prefix
+        argv = [*prefix, built("kestrune-probe"), *self.plugin_arguments(), *arguments]
         with open(self.path("out"), "wb") as out, open(self.path("err"), "wb") as err:
-            self.process = subprocess.Popen([*self.prefix, built("kestrune-probe"), *arguments, "-P", plugin_params],
-                                            stdin=subprocess.PIPE, stdout=out, stderr=err,
+            self.process = subprocess.Popen(argv, stdin=subprocess.PIPE, stdout=out, stderr=err,
                                             env={**os.environ, **(env or {})})
-        try:
-            self.port = wait_until(self._find_port, lambda: "no port; " + self.text("err"))
-        except BaseException:
-            self.close()
-            raise
 
-    def _find_port(self):
-        if self.process.poll() is not None:
-            raise AssertionError("the probe ended with %d: %s" % (self.process.returncode, self.text("err")))
-        return listening_port(self.process.pid)
+    def plugin_arguments(self):
+        raise NotImplementedError
 
     def __enter__(self):
         return self
@@ -131,10 +113,6 @@ class Probe:
             self.process.stdin.close()
         except OSError:
             pass
-        while self.waiting:
-            command = self.waiting.pop()
-            command.process.kill()
-            command.finish()
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def path(self, name):
@@ -143,13 +121,6 @@ class Probe:
     def text(self, name):
         with open(self.path(name), encoding="utf-8") as file:
             return file.read()
-
-    def capture(self, name):
-        """Path of a capture file."""
-        return os.path.join(self.export, name)
-
-    def captures(self):
-        return sorted(os.listdir(self.export))
 
     def feed(self, data):
         self.process.stdin.write(data)
@@ -166,14 +137,58 @@ class Probe:
         line = self.text("out").splitlines()[-1]
         return {name: int(value) for name, value in re.findall(r"(\w+)=(\d+)", line)}
 
-    def wait_handed_on(self, count):
-        wait_until(lambda: self.counters()["handed_on"] >= count, lambda: "%d packets: %s" % (count, self.text("out")))
+    def wait_counted(self, counter, count):
+        wait_until(lambda: self.counters()[counter] >= count, lambda: "%d packets: %s" % (count, self.text("out")))
 
-    def argv(self, *arguments):
-        return [*self.prefix, built("kestrunectl"), "--json", "-s", "127.0.0.1:%d" % self.port, *arguments]
+    def stop(self, number=signal.SIGTERM):
+        """Stop it as an operator does: the exit status."""
+        self.process.send_signal(number)
+        return self.wait()
+
+    def wait(self):
+        return self.process.wait(LIMIT_S)
+
+
+class Probe(ProbeProcess):
+    """With the plugin; returns once that listens."""
+
+    def __init__(self, *arguments, params="", **options):
+        self.params = params
+        self.waiting = []
+        super().__init__(*arguments, **options)
+        try:
+            self.port = wait_until(self._find_port, lambda: "no port; " + self.text("err"))
+        except BaseException:
+            self.close()
+            raise
+
+    def plugin_arguments(self):
+        self.export = self.path("captures")
+        os.mkdir(self.export)
+        return "-P", "port=0;export_path=%s;%s" % (self.export, self.params)
+
+    def _find_port(self):
+        if self.process.poll() is not None:
+            raise AssertionError("the probe ended with %d: %s" % (self.process.returncode, self.text("err")))
+        return listening_port(self.process.pid)
+
+    def close(self):
+        self.process.kill()
+        while self.waiting:
+            command = self.waiting.pop()
+            command.process.kill()
+            command.finish()
+        super().close()
+
+    def capture(self, name):
+        """Path of a capture file."""
+        return os.path.join(self.export, name)
+
+    def captures(self):
+        return sorted(os.listdir(self.export))
 
     def start_ctl(self, *arguments):
-        command = Command(self.argv(*arguments))
+        command = Command([*self.prefix, built("kestrunectl"), "--json", "-s", "127.0.0.1:%d" % self.port, *arguments])
         self.waiting.append(command)
         return command
 
@@ -183,9 +198,8 @@ class Probe:
 
     def ctl(self, *arguments):
         """Exit status and the one object that kestrunectl printed."""
-        status, lines = self.finish_ctl(self.start_ctl(*arguments))
-        assert len(lines) == 1, lines
-        return status, lines[0]
+        status, (answer,) = self.finish_ctl(self.start_ctl(*arguments))
+        return status, answer
 
     def do(self, *arguments):
         """The same, for what must be done."""
@@ -201,14 +215,3 @@ class Probe:
 
     def rules(self):
         return [rule["address"] for rule in self.do("list")["rules"]]
-
-    def stop(self):
-        """Stop it as an operator does: the exit status."""
-        self.process.send_signal(signal.SIGTERM)
-        return self.wait()
-
-    def wait(self):
-        try:
-            return self.process.wait(LIMIT_S)
-        except subprocess.TimeoutExpired:
-            raise AssertionError("the probe does not end") from None

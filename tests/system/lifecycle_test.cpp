@@ -1,6 +1,5 @@
 // The built plugin, loaded, started, used, stopped and unloaded over and over in one process.
 #include "plugin/plugin.h"
-#include "support/child_process.h"
 #include "support/control_client.h"
 #include "support/host_records.h"
 #include "support/pcap_read.h"
@@ -59,7 +58,7 @@ void feed(const library_t &library, plugin_private_t *plugin)
 std::vector<std::unique_ptr<control_client_t>> steer(int cycle)
 {
     uint16_t port = 0;
-    EXPECT_TRUE(wait_until([&] { return (port = listening_port(getpid())) != 0; }));
+    EXPECT_TRUE(wait_until([&] { return (port = listening_port()) != 0; }));
     std::vector<std::unique_ptr<control_client_t>> clients;
     for (int i = 0; i < 2; i++) {
         clients.push_back(std::make_unique<control_client_t>(port));
@@ -117,7 +116,7 @@ TEST(Lifecycle, NothingRemainsOfTwoHundredLives)
         ASSERT_EQ(dlopen(LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr) << "still loaded after cycle " << i;
         ASSERT_TRUE(resources_fall_to(before)) << "cycle " << i;
     }
-    EXPECT_EQ(read_text("/proc/self/maps").find("kestrune.so"), std::string::npos);
+    EXPECT_EQ(file_bytes("/proc/self/maps").find("kestrune.so"), std::string::npos);
     EXPECT_LT(longest_stop, 2);
     EXPECT_TRUE(test_host::messages().empty()) << test_host::messages()[0].text;
     if (!SANITIZED) { // there the leak detection speaks, and freed memory is kept aside

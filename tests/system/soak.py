@@ -9,7 +9,6 @@ import collections
 import errno
 import multiprocessing
 import os
-import queue
 import random
 import socket
 import struct
@@ -19,7 +18,9 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 import pcap_files  # noqa: E402
-from control_client import CAPTURE, FAIL, INCIDENT, SUCCESS, VISUAL, Client, key_of  # noqa: E402
+from control_client import CAPTURE, INCIDENT, VISUAL, Client  # noqa: E402
+from fake_probe import (ADD, ALL, BOTH, FAIL, HISTORY, INFO, LIST, OFF, ON, SUCCESS, UNRECOGNIZED,  # noqa: E402
+                        header, key_of)
 from probe_process import WEB, Probe, built, wait_until  # noqa: E402
 
 PROCESSES, THREADS = 4, 16  # 64 clients
@@ -28,7 +29,6 @@ STALL_S = 1.0
 GROWTH_KIB = 16 * 1024
 REPORT_S = 120  # that the last rules may take to finish
 NAMES = ("web", "a name with blanks", "it's \"quoted\" $HOME", "täg")
-UNRECOGNIZED = 2
 
 
 def addresses():
@@ -53,90 +53,76 @@ class Asker:
         self.longest = collections.defaultdict(float)
         self.wrong = []
 
-    def run(self, stop):
-        actions = ((self.add, 30), (self.remove, 12), (self.rules, 12), (self.detail, 15), (self.history, 12),
-                   (self.heavy, 3), (self.switch, 1), (self.register, 3), (self.malformed, 4), (self.reconnect, 2))
-        calls = [action for action, _ in actions]
-        weights = [weight for _, weight in actions]
-        while not stop.is_set():
+    def requests(self):
+        """(weight, name, request, answers that are right or None for any)."""
+        pick, number = self.pick, self.random.randrange
+        either = (SUCCESS, FAIL)
+        return (
+            (30, "ADD", lambda: self.client.add(pick(self.pool), pick((0, 1, 50, 2000)), number(1, 7), pick(NAMES),
+                                                number(3)), either),
+            (12, "REMOVE", lambda: self.client.remove(pick(self.pool), pick((0, 1, 2, 2))), either),
+            (12, "LIST", lambda: self.client.rules(number(4)), None),
+            (15, "DETAIL", lambda: self.client.detail(pick(self.pool)), None),
+            (12, "HISTORY INFO", self.history_is_right, (True,)),
+            (3, "REQ_HS", lambda: self.client.set_heavy_size(pick((0, 5, 20, 20, 200, 2**32 - 1))), (SUCCESS,)),
+            (0.6, "HISTORY ON", lambda: self.client.history_on(number(1, 9)), either),
+            (0.4, "HISTORY OFF", lambda: self.client.history_off(), either),
+            (3, "INFO", lambda: self.client.ask(INFO, pick((ON, OFF))), either),
+            (4, "malformed", self.malformed_is_answered_rightly, (True,)),
+            (2, "reconnect", self.disconnect, None),
+        )
+
+    def run(self, end):
+        requests = self.requests()
+        weights = [weight for weight, *_ in requests]
+        while time.monotonic() < end:
             try:
                 self.client = self.client or Client(self.port)
-                self.random.choices(calls, weights)[0]()
+                self.make(*self.random.choices(requests, weights)[0])
             except (OSError, ValueError) as error:
-                self.wrong.append("%s: %r" % (type(error).__name__, error))
+                self.wrong.append(repr(error))
                 self.client = None
-            stop.wait(self.random.uniform(0, 0.1))
+            time.sleep(self.random.uniform(0, 0.1))
+        self.disconnect()
+
+    def make(self, _, name, request, expected):
+        began = time.monotonic()
+        answer = request()
+        self.longest[name] = max(self.longest[name], time.monotonic() - began)
+        self.counts[name] += 1
+        if expected and answer not in expected:
+            self.wrong.append("%s was answered %r" % (name, answer))
+        if self.client:
+            self.client.updates.clear()
+
+    def pick(self, choices):
+        return self.random.choice(choices)
+
+    def disconnect(self):
         if self.client:
             self.client.close()
-
-    def timed(self, what, call, expected):
-        began = time.monotonic()
-        answer = call()
-        self.longest[what] = max(self.longest[what], time.monotonic() - began)
-        self.counts[what] += 1
-        if expected and answer not in expected:
-            self.wrong.append("%s was answered %r" % (what, answer))
-        self.client.updates.clear()
-        return answer
-
-    def any_address(self):
-        return self.random.choice(self.pool)
-
-    def add(self):
-        packets = self.random.choice((0, 1, 50, 2000))
-        arguments = (self.any_address(), packets, self.random.randint(1, 6), self.random.choice(NAMES),
-                     self.random.randrange(3))
-        self.timed("ADD", lambda: self.client.add(*arguments), (SUCCESS, FAIL))
-
-    def remove(self):
-        address, direction = self.any_address(), self.random.choice((0, 1, 2, 2))
-        self.timed("REMOVE", lambda: self.client.remove(address, direction), (SUCCESS, FAIL))
-
-    def rules(self):
-        self.timed("LIST", lambda: self.client.rules(self.random.randrange(4)), None)
-
-    def detail(self):
-        self.timed("DETAIL", lambda: self.client.detail(self.any_address()), None)
-
-    def history(self):
-        info = self.timed("HISTORY INFO", self.client.history, None)
-        if info["queues"] != 2 or info["free"] > info["size"]:
-            self.wrong.append("HISTORY INFO: %r" % info)
-
-    def heavy(self):
-        size = self.random.choice((0, 5, 20, 20, 200, 2**32 - 1))
-        self.timed("REQ_HS", lambda: self.client.set_heavy_size(size), (SUCCESS,))
-
-    def switch(self):
-        if self.random.random() < 0.4:
-            self.timed("HISTORY OFF", self.client.history_off, (SUCCESS, FAIL))
-        else:
-            size = self.random.randint(1, 8)
-            self.timed("HISTORY ON", lambda: self.client.history_on(size), (SUCCESS, FAIL))
-
-    def register(self):
-        self.timed("INFO", lambda: self.client.ask(5, self.random.choice((4, 5))), (SUCCESS, FAIL))
-
-    def reconnect(self):
-        self.client.close()
         self.client = None
 
-    def malformed(self):
+    def history_is_right(self):
+        info = self.client.history()
+        return info["queues"] == 2 and info["free"] <= info["size"] or info
+
+    def malformed_is_answered_rightly(self):
         """A stream that is no request, or not all of one, on a connection of its own."""
-        self.reconnect()
-        address = key_of(self.any_address())
-        stream, answer = self.random.choice((
-            (bytes((0, 8, 2, 3)), b""),  # unknown version: closed without an answer
+        self.disconnect()
+        add = bytes((0, 9, ADD, BOTH)) + key_of(self.pick(self.pool)) + struct.pack("<II", 1, 1)
+        stream, answer = self.pick((
+            (bytes((0, 8, LIST, ALL)), b""),  # unknown version: closed without an answer
             (self.random.randbytes(40), b""),
-            (bytes((0, 9, 9, 0)), bytes((0, 9, UNRECOGNIZED, 0))),
-            (bytes((0, 9, 4, 1)), bytes((0, 9, UNRECOGNIZED, 0))),
-            (bytes((0, 9, 0, 2)) + address + bytes(8) + b"\x20cut", b""),
+            (bytes((0, 9, 9, 0)), header(UNRECOGNIZED)),
+            (bytes((0, 9, HISTORY, 1)), header(UNRECOGNIZED)),
+            (add + b"\x20cut", b""),
             (bytes((0, 9, 3)), b""),
-            (bytes((0, 9, 0, 2)) + address + struct.pack("<IIB", 1, 1, 4) + b"../x", bytes((0, 9, FAIL, 0))),
-            (bytes((0, 9, 0, 2)) + address + struct.pack("<IIB", 1, 1, 200) + bytes(200), bytes((0, 9, FAIL, 0))),
+            (add + b"\x04../x", header(FAIL)),
+            (add + b"\xc8" + bytes(200), header(FAIL)),
         ))
+        received = b""
         with socket.create_connection(("127.0.0.1", self.port), 30) as connection:
-            received = b""
             try:
                 connection.sendall(stream)
                 connection.shutdown(socket.SHUT_WR)
@@ -145,61 +131,43 @@ class Asker:
             except OSError as error:
                 if error.errno not in (errno.ECONNRESET, errno.ENOTCONN, errno.EPIPE):  # closed with bytes unread
                     raise
-        self.counts["malformed"] += 1
-        if received != answer:
-            self.wrong.append("%r was answered %r" % (stream[:40], received))
+        return received == answer or (stream, received)
 
 
-def ask_all(port, pool, process, stop, results):
-    """A process of clients, until told to stop."""
+def ask_all(port, pool, process, end):
+    """A process of clients, until this time: what each of them noted."""
     askers = [Asker(port, pool, process * THREADS + number) for number in range(THREADS)]
-    threads = [threading.Thread(target=asker.run, args=(stop,)) for asker in askers]
+    threads = [threading.Thread(target=asker.run, args=(end,)) for asker in askers]
     for thread in threads:
         thread.start()
     for thread in threads:
         thread.join()
-    for asker in askers:
-        results.put((asker.counts, dict(asker.longest), asker.wrong))
+    return [(asker.counts, asker.longest, asker.wrong) for asker in askers]
 
 
-def count_records(path):
-    """Packets of a capture file; ValueError when it does not end with a whole record."""
-    with open(path, "rb") as file:
-        data = file.read()
-    return len(pcap_files.parse(data))
-
-
-def check_files(folder, reports, results):
-    """A process that compares the files of each report with its figures and deletes them."""
-    checked, packets, wrong = 0, 0, []
-    while report := reports.get():
-        rule, history_packets, live_packets, history_files, live_file = report
-        try:
-            history = [count_records(os.path.join(folder, name)) for name in history_files]
-            live = count_records(os.path.join(folder, live_file)) if live_file else 0
-        except (OSError, ValueError, struct.error) as error:
-            wrong.append("rule %d: %r" % (rule, error))
-            continue
-        if (sum(history), live) != (history_packets, live_packets):
-            wrong.append("rule %d: %d history and %d live packets in the files, %d and %d reported"
-                         % (rule, sum(history), live, history_packets, live_packets))
-        for name in (*history_files, *([live_file] if live_file else [])):
-            os.remove(os.path.join(folder, name))
-        checked += 1
-        packets += sum(history) + live
-    results.put((checked, packets, wrong))
+def check_report(folder, rule, history_packets, live_packets, history_files, live_file):
+    """Counts the packets in the files of a finished rule and deletes them; an error when they are not as reported."""
+    paths = [os.path.join(folder, name) for name in (*history_files, live_file) if name]
+    counts = [len(pcap_files.read(path)) for path in paths]
+    live = counts[-1] if live_file else 0
+    if (sum(counts) - live, live) != (history_packets, live_packets):
+        raise ValueError("rule %d: %r packets in %r, but %d of the history and %d live ones were reported"
+                         % (rule, counts, paths, history_packets, live_packets))
+    for path in paths:
+        os.remove(path)
+    return sum(counts)
 
 
 class Collector(threading.Thread):
-    """The one client that is registered throughout: hands every finished rule's report on."""
+    """The one client that is registered throughout: has the files of every finished rule checked."""
 
-    def __init__(self, port, reports):
+    def __init__(self, port, check):
         super().__init__()
         self.client = Client(port)
         if self.client.register() != SUCCESS:
             raise RuntimeError("no registration")
-        self.reports = reports
-        self.added, self.finished = set(), set()
+        self.check = check
+        self.added, self.finished, self.checks = set(), set(), []
         self.failure = None
         self.stopping = threading.Event()
         self.start()
@@ -207,16 +175,14 @@ class Collector(threading.Thread):
     def run(self):
         try:
             while not self.stopping.is_set():
-                update = self.client.next_update(1)
-                if update is None:
-                    continue
-                if update[0] == INCIDENT:
-                    self.added.add(update[1])
-                elif update[0] == VISUAL:
-                    self.finished.add(update[1])
-                    self.reports.put(update[1:])
-                elif update[0] != CAPTURE or update[2] > 100:
-                    raise ValueError(repr(update))
+                kind, *fields = self.client.next_update(1) or (None,)
+                if kind == INCIDENT:
+                    self.added.add(fields[0])
+                elif kind == VISUAL:
+                    self.finished.add(fields[0])
+                    self.checks.append(self.check(*fields))
+                elif kind == CAPTURE and fields[1] > 100:
+                    raise ValueError("%d %%" % fields[1])
         except (OSError, ValueError) as error:
             self.failure = repr(error)
 
@@ -226,8 +192,9 @@ class Collector(threading.Thread):
         self.client.close()
 
 
-def process_state(pid):
+def process_state(probe):
     """Memory, threads and descriptors; the memory of the rings is only comparable while they are off."""
+    pid = probe.process.pid
     with open("/proc/%d/status" % pid, encoding="ascii") as status:
         fields = dict(line.split(":", 1) for line in status)
     return {"rss_kib": int(fields["VmRSS"].split()[0]), "threads": int(fields["Threads"]),
@@ -249,63 +216,55 @@ class Soak:
         self.counts = collections.Counter()
         self.longest = collections.defaultdict(float)
         self.states = []
-        self.slowest = None  # packets/s
+        self.slowest = float("inf")  # packets/s
         self.context = multiprocessing.get_context("fork")
 
     def run(self):
-        reports, results = self.context.Queue(), self.context.Queue()
-        checker = self.context.Process(target=check_files, args=(self.probe.export, reports, results))
-        checker.start()
-        collector = Collector(self.probe.port, reports)
-        try:
-            for _ in range(ROUNDS):
-                self.round(self.seconds / ROUNDS)
-                self.quiet(collector)
-        finally:
-            collector.stop()
-            reports.put(None)
+        with self.context.Pool(1) as checkers:
+            collector = Collector(self.probe.port, lambda *fields: checkers.apply_async(
+                check_report, (self.probe.export, *fields)))
             try:
-                checked, packets, wrong = results.get(timeout=REPORT_S)
-            except queue.Empty:
-                checked, packets, wrong = 0, 0, ["the files were not checked in time"]
-                checker.kill()
-            checker.join()
-        self.problems += wrong
+                for _ in range(ROUNDS):
+                    self.round(self.seconds / ROUNDS)
+                    self.quiet(collector)
+            finally:
+                collector.stop()
+            checked = self.checked_packets(collector.checks)
         self.judge(collector, checked)
-        self.print_figures(checked, packets)
+        self.print_figures(checked)
+
+    def checked_packets(self, checks):
+        """Packets in the files of each rule that were as they should be."""
+        packets = []
+        for check in checks:
+            try:
+                packets.append(check.get(REPORT_S))
+            except (OSError, ValueError, struct.error, multiprocessing.TimeoutError) as error:
+                self.problems.append("files: %r" % error)
+        return packets
 
     def round(self, seconds):
         """Let the clients ask for this time."""
-        stop, results = self.context.Event(), self.context.Queue()
-        processes = [self.context.Process(target=ask_all, args=(self.probe.port, self.pool, number, stop, results))
-                     for number in range(PROCESSES)]
-        for process in processes:
-            process.start()
         end = time.monotonic() + seconds
-        while time.monotonic() < end and self.probe.process.poll() is None:
-            self.sample_speed(min(5, max(end - time.monotonic(), 1)))
-        stop.set()
-        try:
-            for _ in range(PROCESSES * THREADS):
-                self.take(*results.get(timeout=REPORT_S))
-        except queue.Empty:
-            self.problems.append("a client does not end")
-            for process in processes:
-                process.kill()
-        for process in processes:
-            process.join()
+        with self.context.Pool(PROCESSES) as processes:
+            asked = processes.starmap_async(ask_all, [(self.probe.port, self.pool, number, end)
+                                                      for number in range(PROCESSES)])
+            while time.monotonic() < end and self.probe.process.poll() is None:
+                self.sample_speed(min(5, max(end - time.monotonic(), 1)))
+            try:
+                for counts, longest, wrong in sum(asked.get(REPORT_S), []):
+                    self.counts += counts
+                    for name, took in longest.items():
+                        self.longest[name] = max(self.longest[name], took)
+                    self.problems += wrong
+            except multiprocessing.TimeoutError:
+                self.problems.append("a client does not end")
 
     def sample_speed(self, seconds):
         before, began = self.probe.counters()["handed_on"], time.monotonic()
         time.sleep(seconds)
         speed = (self.probe.counters()["handed_on"] - before) / (time.monotonic() - began)
-        self.slowest = speed if self.slowest is None else min(self.slowest, speed)
-
-    def take(self, counts, longest, wrong):
-        self.counts += counts
-        for what, seconds in longest.items():
-            self.longest[what] = max(self.longest[what], seconds)
-        self.problems += wrong
+        self.slowest = min(self.slowest, speed)
 
     def quiet(self, collector):
         """Wait until every rule has finished and its report is here, turn the history off, and look at the process."""
@@ -316,34 +275,35 @@ class Soak:
                    lambda: "reports of rules %r" % sorted(collector.added - collector.finished), REPORT_S)
         # The last connection's thread and descriptor go when its handler is joined.
         before = self.states[-1] if self.states else None
-        wait_until(lambda: self.same_as(before) or before is None, lambda: "%r became %r" % (
-            before, process_state(self.probe.process.pid)), 30)
-        self.states.append(process_state(self.probe.process.pid))
+        wait_until(lambda: before is None or self.is_back_at(before),
+                   lambda: "%r became %r" % (before, process_state(self.probe)), 30)
+        self.states.append(process_state(self.probe))
 
-    def same_as(self, before):
-        now = process_state(self.probe.process.pid)
-        return before and all(now[what] <= before[what] for what in ("threads", "descriptors"))
+    def is_back_at(self, before):
+        now = process_state(self.probe)
+        return all(now[what] <= before[what] for what in ("threads", "descriptors"))
 
     def judge(self, collector, checked):
         first, last = self.states[0], self.states[-1]
         if last["rss_kib"] > first["rss_kib"] + GROWTH_KIB and not sanitized():
             self.problems.append("memory has grown: %r, then %r" % (first, last))
         for what, seconds in self.longest.items():
-            if seconds > STALL_S and what != "HISTORY OFF":  # which waits for a search to end
+            # Switching the history off waits for a search to end.
+            if seconds > STALL_S and what not in ("HISTORY OFF", "malformed"):
                 self.problems.append("%s took %.2f s" % (what, seconds))
         if collector.failure:
             self.problems.append("the client with updates: " + collector.failure)
-        if checked == 0 or self.slowest < 1000:
-            self.problems.append("%d rules, %d packets/s: too little happened" % (checked, self.slowest))
+        if not checked or self.slowest < 1000:
+            self.problems.append("%d rules, %d packets/s: too little happened" % (len(checked), self.slowest))
         for name in self.probe.captures():  # a rule that a table refused leaves a file with a header alone
             if os.path.getsize(self.probe.capture(name)) != pcap_files.HEADER_SIZE:
                 self.problems.append("nobody was told of the file " + name)
 
-    def print_figures(self, checked, packets):
+    def print_figures(self, checked):
         print("requests: " + ", ".join("%s %d" % item for item in sorted(self.counts.items())))
         print("longest answers: " + ", ".join("%s %.0f ms" % (what, seconds * 1000)
                                               for what, seconds in sorted(self.longest.items())))
-        print("%d rules finished, their files checked: %d packets" % (checked, packets))
+        print("%d rules finished, their files checked: %d packets" % (len(checked), sum(checked)))
         print("packets/s, the slowest five seconds: %d" % self.slowest)
         print("quiet between the rounds: " + "; ".join(", ".join("%s %d" % item for item in state.items())
                                                        for state in self.states))

@@ -2,25 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <stdexcept>
 
 namespace {
 
 using namespace kestrune;
 using namespace std::chrono_literals;
-
-// What a parser makes of a text, or the refusal's words.
-template <typename T>
-std::string refusal(const std::function<T(std::string_view)> &parse, const std::string &text)
-{
-    try {
-        parse(text);
-    } catch (const std::invalid_argument &error) {
-        return error.what();
-    }
-    return "accepted";
-}
 
 TEST(Address, EveryUsualFormGivesItsKey)
 {
@@ -48,8 +35,13 @@ TEST(Address, WhatIsNoAddressIsRefusedWithItsReason)
         {"[10.0.0.1]", "host name"},     {" 10.0.0.1", "host name"},
     };
     for (const auto &[text, reason] : cases) {
-        EXPECT_NE(refusal<ip_addr_t>(parse_address, text).find(reason), std::string::npos)
-            << text << ": " << refusal<ip_addr_t>(parse_address, text);
+        try {
+            parse_address(text);
+            ADD_FAILURE() << text << " was accepted";
+        } catch (const std::invalid_argument &error) {
+            EXPECT_NE(std::string(error.what()).find(reason), std::string::npos)
+                << text << ": " << error.what();
+        }
     }
 }
 
@@ -76,12 +68,11 @@ TEST(Endpoint, HostAndPortAreToldApart)
 
 TEST(Duration, UnitsAddUpAndLimitsHold)
 {
-    EXPECT_EQ(parse_duration("90s"), 90s);
-    EXPECT_EQ(parse_duration("5m"), 5min);
-    EXPECT_EQ(parse_duration("1h30m"), 90min);
-    EXPECT_EQ(parse_duration("2d"), 48h);
-    EXPECT_EQ(parse_duration("7"), 7s);
-    EXPECT_EQ(parse_duration("250ms"), 250ms);
+    const std::pair<const char *, std::chrono::milliseconds> cases[] = {
+        {"90s", 90s}, {"5m", 5min}, {"1h30m", 90min}, {"2d", 48h}, {"7", 7s}, {"250ms", 250ms}};
+    for (const auto &[text, duration] : cases) {
+        EXPECT_EQ(parse_duration(text), duration) << text;
+    }
     EXPECT_EQ(parse_time_limit("4294967295"), 4294967295U);
     for (const char *text :
          {"", "s", "5x", "-5s", "1.5h", "5 m", "99999999999999999999", "4294967296", "50000d", "5m-"}) {
@@ -94,11 +85,14 @@ TEST(Duration, UnitsAddUpAndLimitsHold)
 
 TEST(Size, IsInMegabytesAndNeedsAUnit)
 {
-    EXPECT_EQ(parse_size_mb("512M"), 512U);
-    EXPECT_EQ(parse_size_mb("8G"), 8192U);
-    EXPECT_EQ(parse_size_mb("8gib"), 8192U);
-    EXPECT_EQ(parse_size_mb("4095T"), 4095U * 1024 * 1024);
-    EXPECT_EQ(parse_size_mb("4294967295MB"), 4294967295U);
+    const std::pair<const char *, uint32_t> cases[] = {{"512M", 512},
+                                                       {"8G", 8192},
+                                                       {"8gib", 8192},
+                                                       {"4095T", 4095U * 1024 * 1024},
+                                                       {"4294967295MB", 4294967295U}};
+    for (const auto &[text, megabytes] : cases) {
+        EXPECT_EQ(parse_size_mb(text), megabytes) << text;
+    }
     for (const char *text : {"", "512", "M", "0M", "1.5G", "-1G", "4096T", "4294967296M",
                              "18446744073709551616M", "5K", "8 G"}) {
         EXPECT_THROW(parse_size_mb(text), std::invalid_argument) << text;
@@ -109,10 +103,9 @@ TEST(RuleName, LengthAndCharactersAreChecked)
 {
     EXPECT_NO_THROW(check_rule_name(std::string(127, 'x')));
     EXPECT_NO_THROW(check_rule_name("caf\xc3\xa9 at noon"));
-    for (const std::string &name :
-         {std::string(), std::string(128, 'x'), std::string("a/b"), std::string("a,b"), std::string("$(id)"),
-          std::string("`id`"), std::string("a\"b"), std::string("a\\b"), std::string("a\nb"),
-          std::string("a\0b", 3)}) {
+    const std::string wrong[] = {
+        "", std::string(128, 'x'), "a/b", "a,b", "$(id)", "`id`", "a\"b", "a\\b", "a\nb", {"a\0b", 3}};
+    for (const std::string &name : wrong) {
         EXPECT_THROW(check_rule_name(name), std::invalid_argument) << name;
     }
     EXPECT_EQ(default_rule_name(parse_address("2001:db8::1")), "2001-db8--1");

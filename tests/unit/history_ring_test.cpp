@@ -130,8 +130,8 @@ TEST(HistoryLife, RefusesMemoryThatIsNotToBeHad)
     EXPECT_EQ(hc_enable(ring.hc, uint64_t{1} << 46), HC_NO_MEMORY);
     EXPECT_EQ(hc_enable(ring.hc, 1000), HC_OK);
 
-    // Two rings that fit one by one and not together: the kernel would grant both. Each takes from 9/16 to 3/4
-    // of what there is.
+    // Two rings that fit one by one and not together: the kernel would grant both. Each takes from 9/16 to
+    // 3/4 of what there is.
     uint64_t size = uint64_t{1} << 40;
     const ring_t first(0);
     while (hc_enable(first.hc, size) != HC_OK) {

@@ -19,10 +19,14 @@ bytes_t operator+(bytes_t left, const bytes_t &right)
     return left;
 }
 
+bytes_t big_endian(uint16_t value)
+{
+    return {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+}
+
 bytes_t ethernet(uint16_t type)
 {
-    bytes_t header(12, 0x02);
-    return header + bytes_t{static_cast<uint8_t>(type >> 8), static_cast<uint8_t>(type)};
+    return bytes_t(12, 0x02) + big_endian(type);
 }
 
 // From an allocation of exactly this size, so that the address sanitizer sees every byte read behind it.
@@ -52,11 +56,9 @@ bytes_t ipv4(const ipv4_t &fields, const bytes_t &payload)
 {
     const bytes_t a = {10, 0, 0, 1};
     const bytes_t b = {192, 168, 0, 2};
-    const auto high = [](uint16_t value) { return static_cast<uint8_t>(value >> 8); };
-    const auto low = [](uint16_t value) { return static_cast<uint8_t>(value); };
-    const bytes_t sizes = {fields.first_byte, 0, high(fields.total_size), low(fields.total_size)};
-    const bytes_t rest = {0, 1, high(fields.fragment), low(fields.fragment), 64, fields.protocol, 0, 0};
-    return ethernet(0x0800) + sizes + rest + (fields.reversed ? b + a : a + b) + payload;
+    return ethernet(0x0800) + bytes_t{fields.first_byte, 0} + big_endian(fields.total_size) + bytes_t{0, 1} +
+           big_endian(fields.fragment) + bytes_t{64, fields.protocol, 0, 0} +
+           (fields.reversed ? b + a : a + b) + payload;
 }
 
 // 2001:db8::1 to 2001:db8::2:3
@@ -105,54 +107,52 @@ TEST(ProbeParser, EveryTruncationOfTaggedIpv6WithExtensionHeaders)
     }
 }
 
-TEST(ProbeParser, BothDirectionsAreOneFlowAndOtherPortsAreNot)
+TEST(ProbeParser, PacketsOfOneFlowHaveOneKeyAndOthersHaveOthers)
 {
-    probe::parsed_packet_t packet = {};
-    const bytes_t frame = ipv4({}, UDP_5000_TO_53);
-    ASSERT_EQ(parse(frame, frame.size(), &packet), verdict_t::IP);
-    const uint8_t addresses[8] = {1, 0, 0, 10, 2, 0, 168, 192}; // least significant byte first
-    EXPECT_EQ(memcmp(packet.header.addr.ipv4.src, addresses, 8), 0);
-    EXPECT_EQ(packet.header.ip_version, 4);
-    const auto key = packet.key;
-    EXPECT_EQ(key, key_of(ipv4({.reversed = true}, UDP_53_TO_5000)));
-    EXPECT_NE(key, key_of(ipv4({.reversed = true}, UDP_5000_TO_53)));
-    EXPECT_NE(key, key_of(ipv4({.protocol = 6}, UDP_5000_TO_53)));
-    EXPECT_EQ(key_of(ipv4({.protocol = 132}, UDP_5000_TO_53)),
-              key_of(ipv4({.protocol = 132, .reversed = true}, UDP_53_TO_5000)));
     const bytes_t echo = {8, 0, 0, 0, 0x12, 0x34};
     const bytes_t reply = {0, 0, 0, 0, 0x12, 0x34};
     const bytes_t other_reply = {0, 0, 0, 0, 0x12, 0x35};
-    EXPECT_EQ(key_of(ipv4({.protocol = 1}, echo)), key_of(ipv4({.protocol = 1, .reversed = true}, reply)));
-    EXPECT_NE(key_of(ipv4({.protocol = 1}, echo)), key_of(ipv4({.protocol = 1}, other_reply)));
-}
-
-TEST(ProbeParser, FragmentsAreOneFlowWithoutPorts)
-{
-    const auto first = key_of(ipv4({.fragment = 0x2000}, UDP_5000_TO_53));
-    EXPECT_EQ(first, key_of(ipv4({.fragment = 0x2010}, bytes_t(16, 0x77))));
-    EXPECT_EQ(first, key_of(ipv4({.fragment = 0x0020, .reversed = true}, bytes_t(16, 0x99))));
-    EXPECT_NE(first, key_of(ipv4({}, UDP_5000_TO_53)));
-    EXPECT_EQ(key_of(ipv4({.fragment = 0x4000}, UDP_5000_TO_53)), key_of(ipv4({}, UDP_5000_TO_53))); // DF
-
-    const auto divided = [](uint8_t offset_low) {
+    const bytes_t udp = ipv4({}, UDP_5000_TO_53);
+    const bytes_t first_fragment = ipv4({.fragment = 0x2000}, UDP_5000_TO_53);
+    const auto ipv6_fragment = [](uint8_t offset_low) {
         return ethernet(0x86DD) + ipv6(44, bytes_t{17, 0, 0, offset_low, 0, 0, 0, 9} + UDP_5000_TO_53);
     };
-    EXPECT_EQ(key_of(divided(0x01)), key_of(divided(0x68)));
-    EXPECT_NE(key_of(divided(0x01)), key_of(divided(0x00)));
-    EXPECT_EQ(key_of(divided(0x00)), key_of(ethernet(0x86DD) + ipv6(17, UDP_5000_TO_53))); // not divided
-}
-
-TEST(ProbeParser, LengthFieldsBoundWhatIsRead)
-{
-    // Ethernet padding behind a packet without payload is no port.
-    EXPECT_EQ(key_of(ipv4({.total_size = 20}, UDP_5000_TO_53)),
-              key_of(ipv4({.total_size = 20}, UDP_53_TO_5000)));
-    // A length of 0 is one that the network card fills in.
-    EXPECT_EQ(key_of(ipv4({.total_size = 0}, UDP_5000_TO_53)),
-              key_of(ipv4({.total_size = 28}, UDP_5000_TO_53)));
-    // Options that reach behind the captured bytes, and a length within the header: no ports.
-    EXPECT_EQ(key_of(ipv4({.first_byte = 0x4F}, UDP_5000_TO_53)),
-              key_of(ipv4({.total_size = 3}, UDP_5000_TO_53)));
+    struct row_t {
+        const char *name;
+        bool same;
+        bytes_t a, b;
+    };
+    const row_t rows[] = {
+        {"answer", true, udp, ipv4({.reversed = true}, UDP_53_TO_5000)},
+        {"other ports", false, udp, ipv4({.reversed = true}, UDP_5000_TO_53)},
+        {"other protocol", false, udp, ipv4({.protocol = 6}, UDP_5000_TO_53)},
+        {"SCTP", true, ipv4({.protocol = 132}, UDP_5000_TO_53),
+         ipv4({.protocol = 132, .reversed = true}, UDP_53_TO_5000)},
+        {"echo", true, ipv4({.protocol = 1}, echo), ipv4({.protocol = 1, .reversed = true}, reply)},
+        {"other echo", false, ipv4({.protocol = 1}, echo), ipv4({.protocol = 1}, other_reply)},
+        {"fragment", true, first_fragment, ipv4({.fragment = 0x2010}, bytes_t(16, 0x77))},
+        {"last fragment", true, first_fragment,
+         ipv4({.fragment = 0x0020, .reversed = true}, bytes_t(16, 0x99))},
+        {"fragments have no ports", false, first_fragment, udp},
+        {"not to be divided", true, ipv4({.fragment = 0x4000}, UDP_5000_TO_53), udp},
+        {"IPv6 fragments", true, ipv6_fragment(0x01), ipv6_fragment(0x68)},
+        {"IPv6 fragments have no ports", false, ipv6_fragment(0x01), ipv6_fragment(0x00)},
+        {"IPv6, not divided", true, ipv6_fragment(0x00), ethernet(0x86DD) + ipv6(17, UDP_5000_TO_53)},
+        {"padding is no port", true, ipv4({.total_size = 20}, UDP_5000_TO_53),
+         ipv4({.total_size = 20}, UDP_53_TO_5000)},
+        {"length left to the network card", true, ipv4({.total_size = 0}, UDP_5000_TO_53),
+         ipv4({.total_size = 28}, UDP_5000_TO_53)},
+        {"options behind the end, length within the header", true, ipv4({.first_byte = 0x4F}, UDP_5000_TO_53),
+         ipv4({.total_size = 3}, UDP_5000_TO_53)},
+    };
+    for (const row_t &row : rows) {
+        EXPECT_EQ(key_of(row.a) == key_of(row.b), row.same) << row.name;
+    }
+    probe::parsed_packet_t packet = {};
+    parse(udp, udp.size(), &packet);
+    const uint8_t addresses[8] = {1, 0, 0, 10, 2, 0, 168, 192}; // least significant byte first
+    EXPECT_EQ(memcmp(packet.header.addr.ipv4.src, addresses, 8), 0);
+    EXPECT_EQ(packet.header.ip_version, 4);
 }
 
 TEST(ProbeParser, HeadersThatAreNoIpHeadersAreNotIp)
