@@ -40,7 +40,7 @@ struct place_t {
 
 class input_t {
 public:
-    explicit input_t(const std::string &path) : path_(path)
+    input_t(const std::string &path, bool cut_allowed) : path_(path), cut_allowed_(cut_allowed)
     {
         FILE *file = std::fopen(path.c_str(), "rbe");
         if (file == nullptr) {
@@ -58,14 +58,21 @@ public:
     int link_type() const { return pcap_datalink(pcap_.get()); }
     int snap_length() const { return pcap_snapshot(pcap_.get()); }
     int64_t offset() const { return ftello(pcap_file(pcap_.get())); }
+    bool cut() const { return cut_; } // ended in a cut record
 
     // The next packet, valid until the next call; false at the end of the file.
     bool next(pcap_pkthdr **header, const u_char **data)
     {
         const int result = pcap_next_ex(pcap_.get(), header, data);
         if (result == PCAP_ERROR) {
-            fail(path_ + " cannot be read to its end (" + pcap_geterr(pcap_.get()) +
-                 "); if it is still being written, merge when its rule has finished");
+            const std::string why = pcap_geterr(pcap_.get());
+            cut_ = why.starts_with("truncated dump file");
+            if (!cut_ || !cut_allowed_) {
+                fail(path_ + " cannot be read to its end (" + why + ")" +
+                     (cut_ ? "; if it is still being written, merge when its rule has finished; "
+                             "--cut takes what stands before a cut record"
+                           : ""));
+            }
         }
         return result == 1;
     }
@@ -83,6 +90,8 @@ private:
         void operator()(pcap_t *pcap) const { pcap_close(pcap); }
     };
     std::string path_;
+    bool cut_allowed_;
+    bool cut_ = false;
     std::unique_ptr<pcap_t, close_t> pcap_; // owns the stream as well
 };
 
@@ -194,7 +203,7 @@ std::vector<std::unique_ptr<input_t>> open_inputs(const merge_options_t &options
     std::vector<std::unique_ptr<input_t>> inputs;
     *snap_length = 0;
     for (const std::string &path : options.inputs) {
-        inputs.push_back(std::make_unique<input_t>(path));
+        inputs.push_back(std::make_unique<input_t>(path, options.cut));
         *snap_length = std::max(*snap_length, inputs.back()->snap_length());
         if (inputs.back()->link_type() != inputs.front()->link_type()) {
             fail(path + " has another link type than " + inputs.front()->path() +
@@ -222,6 +231,7 @@ merge_result_t merge_files(const merge_options_t &options)
         const size_t before = places.size();
         add_places(i, inputs[i].get(), options, &places);
         result.packets.push_back(places.size() - before);
+        result.cut.push_back(inputs[i]->cut());
     }
     std::stable_sort(places.begin(), places.end(),
                      [](const place_t &a, const place_t &b) { return a.time_ns < b.time_ns; });

@@ -11,7 +11,7 @@
 namespace probe {
 namespace {
 
-constexpr uint32_t QUEUES_MAX = 256;
+constexpr uint32_t QUEUES_MAX = 255;
 constexpr double SECONDS_MAX = 1e9;
 
 constexpr const char *ABOUT =

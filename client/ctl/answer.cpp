@@ -73,7 +73,7 @@ std::string advice(const client_error_t &error, const options_t &options, const 
     case failure_t::MALFORMED:
         return what + ". Does another service or another version listen there?";
     case failure_t::REFUSED:
-        return refusal(error.action(), options);
+        return error.action() != -1 ? refusal(error.action(), options) : what;
     case failure_t::UNRECOGNIZED:
         return what + ": its plugin is of another version than this program";
     default:
@@ -138,9 +138,15 @@ std::string add_text(const json_t &fields)
 
 std::string merge_text(const json_t &fields)
 {
-    return "merged " + std::to_string(fields["packets"].get<uint64_t>()) + " packets of " +
-           std::to_string(fields["files"].size()) + " files into " +
-           printable(fields["output"].get<std::string>());
+    std::string text = "merged " + std::to_string(fields["packets"].get<uint64_t>()) + " packets of " +
+                       std::to_string(fields["files"].size()) + " files into " +
+                       printable(fields["output"].get<std::string>());
+    for (const json_t &file : fields["files"]) {
+        if (file["cut"].get<bool>()) {
+            text += "; " + printable(file["file"].get<std::string>()) + " ends in a cut record";
+        }
+    }
+    return text;
 }
 
 std::string good_text(const json_t &fields, command_t command)

@@ -9,6 +9,9 @@ namespace kestrune {
 // The options of a session for this command line.
 session_options_t session_options(const options_t &options);
 
+// Adds the rule. Throws client_error_t; REFUSED says so when the address has a rule of another name.
+void add_rule(session_t *session, const options_t &options);
+
 // Adds the rule, stays until it is finished and answers with its files. Progress goes to standard error.
 // Throws client_error_t; INTERRUPTED after the rule was removed.
 answer_t add_and_wait(session_t *session, const options_t &options, const endpoint_t &endpoint,

@@ -23,11 +23,34 @@ session_options_t session_options(const options_t &options)
     return session;
 }
 
+// FAIL gives no reason; the one that users meet can be asked for.
+void add_rule(session_t *session, const options_t &options)
+{
+    try {
+        session->add({options.addr, options.direction, options.packets, options.time_limit_s, options.name});
+    } catch (const client_error_t &refusal) {
+        std::string other;
+        try {
+            other = refusal.failure() == failure_t::REFUSED ? session->detail(options.addr).name : "";
+        } catch (const client_error_t &) {
+            throw refusal; // without a live capture nothing is known of a rule
+        }
+        if (other.empty() || other.starts_with(options.name)) {
+            throw;
+        }
+        throw client_error_t(failure_t::REFUSED, std::string(ip_addr_text(options.addr).text) +
+                                                     " is recorded already, under the name '" +
+                                                     printable(other) +
+                                                     "': give that name with -n to renew its limits, or "
+                                                     "'remove' it first");
+    }
+}
+
 namespace {
 
 answer_t add(session_t *session, const options_t &options, const endpoint_t &endpoint)
 {
-    session->add({options.addr, options.direction, options.packets, options.time_limit_s, options.name});
+    add_rule(session, options);
     answer_t answer = good_answer(options, &endpoint);
     answer.fields["address"] = ip_addr_text(options.addr).text;
     answer.fields["direction"] = direction_name(options.direction);
@@ -131,7 +154,7 @@ answer_t merge(const options_t &options)
 {
     try {
         const merge_result_t result =
-            merge_files({options.inputs, options.output, options.force, interrupted});
+            merge_files({options.inputs, options.output, options.force, options.cut, interrupted});
         answer_t answer = good_answer(options, nullptr);
         answer.fields["output"] = options.output;
         answer.fields["packets"] = result.total;
@@ -139,7 +162,8 @@ answer_t merge(const options_t &options)
         answer.fields["last"] = result.total != 0 ? json_t(seconds_text(result.last_ns)) : json_t(nullptr);
         answer.fields["files"] = json_t::array();
         for (size_t i = 0; i < options.inputs.size(); i++) {
-            answer.fields["files"].push_back({{"file", options.inputs[i]}, {"packets", result.packets[i]}});
+            answer.fields["files"].push_back(
+                {{"file", options.inputs[i]}, {"packets", result.packets[i]}, {"cut", bool{result.cut[i]}}});
         }
         return answer;
     } catch (const client_error_t &error) {

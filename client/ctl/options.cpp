@@ -188,8 +188,9 @@ private:
         CLI::Option *time = add_parsed(sub, "-t,--time", &options_.time_limit_s, parse_time_limit,
                                        "end the live capture after this time, 90s, 5m, 1h (default 5m)")
                                 ->type_name("TIME");
-        sub->add_option("-n,--name", options_.name, "the rule's name (default: made from the address)")
-            ->type_name("NAME");
+        name_ =
+            sub->add_option("-n,--name", options_.name, "the rule's name (default: made from the address)")
+                ->type_name("NAME");
         sub->add_flag("--history-only", options_.history_only,
                       "only what the history buffers hold, no live capture")
             ->excludes(packets)
@@ -225,7 +226,7 @@ private:
         sub->fallthrough();
         CLI::App *on = command(sub, command_t::HISTORY_ON, "on", "turn the buffers of all queues on");
         add_parsed(on, "SIZE", &options_.size_mb, parse_size_mb,
-                   "of all buffers together, 512M, 8G (default: the plugin's)")
+                   "of all buffers together, 512M, 8G (default: 195 KiB each, for trials)")
             ->type_name("");
         command(sub, command_t::HISTORY_OFF, "off", "turn the buffers off and forget what they hold");
         command(sub, command_t::HISTORY_STATUS, "status", "show the state of the buffers");
@@ -250,6 +251,8 @@ private:
             ->type_name("");
         sub->add_option("-o,--output", options_.output, "the merged file")->required()->type_name("OUT");
         sub->add_flag("--force", options_.force, "replace OUT when it exists");
+        sub->add_flag("--cut", options_.cut,
+                      "take files that end in a cut record (from a full disk) up to it");
     }
 
     void finish_add()
@@ -257,7 +260,7 @@ private:
         if (options_.history_only) {
             options_.packets = options_.time_limit_s = 0;
         }
-        if (options_.name.empty()) {
+        if (name_->count() == 0) {
             options_.name = default_rule_name(options_.addr);
         }
         check_rule_name(options_.name);
@@ -267,7 +270,8 @@ private:
     options_t options_;
     std::vector<std::string> servers_;
     std::optional<std::chrono::milliseconds> time_;
-    bool all_ = false; // says what is so without it
+    CLI::Option *name_ = nullptr; // owned by app_
+    bool all_ = false;            // says what is so without it
     std::map<const CLI::App *, command_t> commands_;
 };
 

@@ -61,6 +61,7 @@ struct options_t {
     std::vector<std::string> inputs; // MERGE
     std::string output;
     bool force = false;
+    bool cut = false;
 };
 
 // "add", "history status" and so on.

@@ -37,8 +37,7 @@ public:
     {
         const auto started = steady_t::now();
         session_.updates_on();
-        session_.add(
-            {options_.addr, options_.direction, options_.packets, options_.time_limit_s, options_.name});
+        add_rule(&session_, options_);
         try {
             learn_rule();
             const deadline_t end = options_.wait_time ? started + *options_.wait_time : deadline_t::max();

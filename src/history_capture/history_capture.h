@@ -80,11 +80,13 @@ static_assert(offsetof(hc_record_header_t, length) == 16 && offsetof(hc_record_h
 
 // A rule of one queue. Guarded by the row of its address.
 struct hc_rule_t {
-    uint32_t packets;  // records matched so far
-    int64_t time;      // last_packet_time when the rule arrived; later records are not written
-    int32_t fd;        // owned; open until the rule is finished
-    uint8_t direction; // SRC, DST or BOTH
-    uint8_t collected; // 1 once it was reported as finished with the remove flag: it is not listed again
+    uint32_t packets;   // records matched so far
+    int64_t time;       // last_packet_time when the rule arrived; later records are not written
+    int32_t fd;         // owned; open until the rule is finished
+    uint8_t direction;  // SRC, DST or BOTH
+    uint8_t collected;  // 1 once it was reported as finished with the remove flag: it is not listed again
+    uint8_t torn;       // 1 once a record went out in part: what came behind it could not be read
+    uint64_t file_size; // bytes of the file's header and its whole records
 };
 
 // A finished rule. Guarded by deleted_rules_lock.

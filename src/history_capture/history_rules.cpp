@@ -61,7 +61,7 @@ uint32_t insert_rule(history_capture_t *hc, const ip_addr_t *ip, uint8_t directi
     uint32_t waiting = 0;
     spin_lock(&hc->position_lock);
     const int64_t now = hc->last_packet_time.load(std::memory_order_relaxed);
-    const hc_rule_t rule = {0, now, fd, direction, 0};
+    const hc_rule_t rule = {0, now, fd, direction, 0, 0, PCAP_HEADER_SIZE};
     if (fhf_insert(hc->slow_search_table, ip, &rule) == FHF_OK) {
         waiting = hc->new_rules.load(std::memory_order_relaxed) + 1;
         hc->last_rule_time.store(now, std::memory_order_relaxed);

@@ -37,10 +37,12 @@ struct hc_run_t {
     bool first_part;   // the data wraps and the walk has not reached the end of the buffer yet
 };
 
-// Write the record with this header at p to the rule's file, in two pieces where it is split.
-void write_record(const history_capture_t *hc, const hc_record_header_t *header, uint64_t p, int fd)
+// Write the record with this header at p to the rule's file, in two pieces where it is split. Where the disk
+// took only a part of it, the file ends there.
+void write_record(const history_capture_t *hc, const hc_record_header_t *header, uint64_t p, hc_rule_t *rule)
     KS_REQUIRES_SHARED(hc->state_lock)
 {
+    const int fd = rule->fd;
     const uint64_t begin = p + HC_RECORD_HEADER;
     const uint32_t length = header->length;
     int result = -1; // a damaged length may exceed a tiny ring: then there is no such data
@@ -51,10 +53,13 @@ void write_record(const history_capture_t *hc, const hc_record_header_t *header,
         result = write_pcap_divided_packet(fd, hc->buffer + begin, before_end, hc->buffer,
                                            length - before_end, length, header->timestamp);
     }
-    if (result != 0) {
-        KS_ERROR("kestrune: History_capture: Slow search: Packet was not stored to file.");
-        KS_ERROR("kestrune: history_capture: It was not possible to write the packet into the file.");
+    if (result == 0) {
+        rule->file_size += PCAP_RECORD_HEADER_SIZE + length;
+        return;
     }
+    rule->torn = lseek(fd, 0, SEEK_CUR) != static_cast<off_t>(rule->file_size) ? 1 : 0;
+    KS_ERROR("kestrune: History_capture: Slow search: Packet was not stored to file.");
+    KS_ERROR("kestrune: history_capture: It was not possible to write the packet into the file.");
 }
 
 // Offer the record to the rule of one of its addresses. The rule's row is held while the record is written.
@@ -74,7 +79,9 @@ bool filter_side(const history_capture_t *hc, fhf_table_t *table, uint64_t p, co
     auto *rule = static_cast<hc_rule_t *>(fhf_get_placed_locked(table, place, ip, &row));
     if (rule != nullptr) {
         if ((rule->direction == side || rule->direction == BOTH) && rule->time >= header->time) {
-            write_record(hc, header, p, rule->fd);
+            if (rule->torn == 0) {
+                write_record(hc, header, p, rule);
+            }
             rule->packets++;
             written = true;
         }

@@ -22,6 +22,13 @@ void close_keeping_errno(int fd)
     errno = error;
 }
 
+// A number beyond the ports, which getaddrinfo would take modulo 65536.
+bool is_beyond_ports(const char *port)
+{
+    char *end = nullptr;
+    return std::strtoul(port, &end, 10) > UINT16_MAX && *end == '\0';
+}
+
 addrinfo *resolve(const char *port)
 {
     addrinfo hints = {};
@@ -29,7 +36,7 @@ addrinfo *resolve(const char *port)
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo *addresses = nullptr;
-    const int error = getaddrinfo(nullptr, port, &hints, &addresses);
+    const int error = is_beyond_ports(port) ? EAI_SERVICE : getaddrinfo(nullptr, port, &hints, &addresses);
     if (error == 0) {
         return addresses;
     }

@@ -123,6 +123,7 @@ class FakeProbe:
         with self.lock:
             self.clients = [client for client in self.clients if client is not connection]
             self.connections.remove(connection)
+            self.lock.notify_all()
         stream.close()
 
     def _handle(self, connection, stream, action, target):

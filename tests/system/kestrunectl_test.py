@@ -90,6 +90,8 @@ class Commands(WithProbe):
                  for rule in (self.probe.rules[key_of("10.0.0.1")], self.probe.rules[key_of("2001:db8::1")])]
         self.assertEqual(rules, [[1, 7, 5400, "my rule"], [2, 0, 0, "2001-db8--1"]])
         status, _, err = self.ctl("add", "10.0.0.1", "-n", "another")
+        self.assertEqual((status, "the name 'my rule'" in err), (4, True), err)
+        status, _, err = self.ctl("add", "2001:db8::1", "-n", "another")  # nothing is told of one without live capture
         self.assertEqual(status, 4)
         for cause in ("another name", "history", "memory"):
             self.assertIn(cause, err)
@@ -294,6 +296,7 @@ class Watch(WithProbe):
             lines = [process.stdout.readline() for _ in range(5)]
             process.send_signal(signal.SIGINT)
             self.assertEqual(finish(process), (130, "", ""))
+            self.probe.wait(lambda: not self.probe.clients)
             if arguments:
                 events = [json.loads(line) for line in lines]
                 self.assertEqual([(event["event"], event["address"], event.get("progress")) for event in events],
@@ -379,6 +382,10 @@ class Merge(unittest.TestCase):
                 file.write(data[:size])
             if size != pcap_files.HEADER_SIZE:
                 self.assertEqual(self.merge(whole, self.path("cut"), "-o", self.path("out"))[0], 1, size)
+                allowed = self.merge(whole, self.path("cut"), "--cut", "-o", self.path("allowed"), "--force")
+                self.assertEqual(allowed[0], 0 if size > pcap_files.HEADER_SIZE else 1, size)
+        self.assertEqual(pcap_files.read(self.path("allowed")), [(1, b"packet")])
+        os.remove(self.path("allowed"))
         for other in (self.write("raw", [(1, b"packet")], link_type=101), self.path("missing"), self.folder):
             self.assertEqual(self.merge(whole, other, "-o", self.path("out"))[0], 1)
         self.assertEqual(self.merge(whole, "-o", self.path("no folder/out"))[0], 1)

@@ -277,7 +277,7 @@ TEST(Merge, AnInterruptLeavesNoOutput)
     const temp_dir_t dir;
     const std::string input = KESTRUNE_SOURCE_DIR "/examples/pcaps/web-dualstack-tls.pcap";
     try {
-        merge_files({{input}, dir.path("out"), false, [] { return true; }});
+        merge_files({{input}, dir.path("out"), false, false, [] { return true; }});
         ADD_FAILURE() << "merged";
     } catch (const client_error_t &error) {
         EXPECT_EQ(error.failure(), failure_t::INTERRUPTED);

@@ -324,3 +324,29 @@ TEST(HistorySearch, FailedWritesAreCountedAndTheOthersGoOn)
     EXPECT_EQ(read_pcap(ring.files.path("large"), &torn).size(), 2U);
     EXPECT_EQ(read_pcap(ring.files.path("small")).size(), 10U);
 }
+
+TEST(HistorySearch, NothingFollowsARecordThatWentOutInPart)
+{
+    const ring_t ring(10 * 151, 60000);
+    ASSERT_EQ(ring.add(9, BOTH, "first"), HC_OK);
+    ASSERT_TRUE(ring.finishes(9)); // the next rule waits, and its packets are written when they are dropped
+    for (uint64_t n = 0; n < 10; n++) {
+        ASSERT_EQ(enqueue(ring.hc, make_packet(n, 100, 1, 2)), HC_OK);
+    }
+    ASSERT_EQ(ring.add(1, BOTH, "rule"), HC_OK);
+    const uint32_t held = ring.info().packets;
+    const auto drop_some = [&] {
+        for (uint64_t n = 0; n < 6; n++) {
+            ASSERT_EQ(enqueue(ring.hc, make_packet(n, 100, 5, 6)), HC_OK);
+        }
+    };
+    {
+        const file_limit_t full(24 + 2 * 116 + 50);
+        drop_some();
+    }
+    drop_some(); // there is room again
+    EXPECT_EQ(progress_packets(ring.progress(1)), held);
+    size_t torn = 0;
+    EXPECT_EQ(read_pcap(ring.files.path("rule"), &torn).size(), 2U);
+    EXPECT_EQ(torn, 50U);
+}

@@ -111,6 +111,7 @@ TEST_F(Plugin, RefusesParametersWithTheirMessage)
          {case_t{1, {{"export_path", ""}}, "Plugin: Failed to read export path."},
           {1, {{"export_path", files.path("absent")}}, "Plugin: Could not access the export directory"},
           {1, {{"port", "no-such-service"}}, "Listener spawn failed: Invalid argument"},
+          {1, {{"port", "65536"}}, "Listener spawn failed: Invalid argument"},
           {1, {{"buffer_size", "-1"}}, "Failed to create history buffer"}, // as unsigned, more than there is
           {0, {}, "Plugin: 0 processing queues"},
           {INT32_MIN, {}, "processing queues"},
