@@ -98,7 +98,7 @@ class Steering(unittest.TestCase):
         self.assertIn("no rule", self.refuse("remove", IPV4))
         self.refuse("show", IPV6)
         self.probe.do("add", IPV4, "-n", "one")
-        self.assertIn("another name", self.refuse("add", IPV4, "-n", "two"))
+        self.assertIn("under the name 'one'", self.refuse("add", IPV4, "-n", "two"))
         self.assertEqual(self.probe.do("add", IPV4, "-n", "one", "-c", "7")["packet_limit"], 7)
         waiter = self.probe.add_and_wait(IPV6)
         waiter.interrupt()
