@@ -66,7 +66,7 @@ public:
         const int result = pcap_next_ex(pcap_.get(), header, data);
         if (result == PCAP_ERROR) {
             const std::string why = pcap_geterr(pcap_.get());
-            cut_ = why.starts_with("truncated dump file");
+            cut_ = why.starts_with("truncated ");
             if (!cut_ || !cut_allowed_) {
                 fail(path_ + " cannot be read to its end (" + why + ")" +
                      (cut_ ? "; if it is still being written, merge when its rule has finished; "

@@ -32,7 +32,10 @@ void add_rule(session_t *session, const options_t &options)
         std::string other;
         try {
             other = refusal.failure() == failure_t::REFUSED ? session->detail(options.addr).name : "";
-        } catch (const client_error_t &) {
+        } catch (const client_error_t &error) {
+            if (error.failure() == failure_t::INTERRUPTED) {
+                throw;
+            }
             throw refusal; // without a live capture nothing is known of a rule
         }
         if (other.empty() || other.starts_with(options.name)) {

@@ -109,9 +109,22 @@ private:
         }
     }
 
+    // Throws when the probe does not answer any more. Of an address that no packet has, there is nothing to
+    // tell, and a short "no" is all that is wanted.
+    void ask_whether_it_answers()
+    {
+        try {
+            (void)session_.detail({});
+        } catch (const client_error_t &error) {
+            if (error.failure() != failure_t::REFUSED) {
+                throw;
+            }
+        }
+    }
+
     void poll()
     {
-        (void)session_.history_info(); // throws when the probe does not answer any more
+        ask_whether_it_answers();
         if (bars_) {
             show_bars();
         }

@@ -192,9 +192,25 @@ uint32_t finish_run(history_capture_t *hc) KS_REQUIRES_SHARED(hc->state_lock)
     return rules;
 }
 
-timespec pause_of(const history_capture_t *hc)
+// Pause between two runs, going on with the ring's memory where a rule came before that was done.
+void pause_search(history_capture_t *hc)
 {
-    return {hc->search_pause_ms / 1000, static_cast<long>(hc->search_pause_ms % 1000) * 1000000};
+    timespec end = {};
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += hc->search_pause_ms / 1000;
+    end.tv_nsec += static_cast<long>(hc->search_pause_ms % 1000) * 1000000;
+    if (end.tv_nsec >= 1000000000) {
+        end.tv_sec++;
+        end.tv_nsec -= 1000000000;
+    }
+    thread_cancel_enable();
+    do {
+        pthread_testcancel();
+        clock_gettime(CLOCK_MONOTONIC, &now);
+    } while (now.tv_sec < end.tv_sec && ring_populate(&hc->unpopulated));
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr);
+    thread_cancel_disable();
 }
 
 // Wait until rules have come, populating the ring meanwhile.
@@ -259,10 +275,7 @@ void *hc_search_thread(void *history_capture)
         hc_run_t run = {};
         if (begin_run(hc, &run)) {
             make_run(hc, &run);
-            const timespec pause = pause_of(hc);
-            thread_cancel_enable();
-            nanosleep(&pause, nullptr);
-            thread_cancel_disable();
+            pause_search(hc);
         }
     }
     pthread_cleanup_pop(0);

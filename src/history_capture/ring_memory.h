@@ -2,8 +2,9 @@
 // at first and populated part by part on another thread: the first touch of a page costs several times the
 // copy of a packet, and the kernel may have to move memory about before it finds a huge page.
 //
-// All rings of the process together never ask for more than the system has available at that moment: clients
-// choose the size, and memory that is granted but does not exist would get the host killed later.
+// All rings of the process together never ask for more than 15/16 of what the system has available at that
+// moment, or of the limit of the process's control group: clients choose the size, and memory that is granted
+// but does not exist would get the host killed later.
 // Threads: any; ring_populate of one ring on one thread at a time.
 #pragma once
 

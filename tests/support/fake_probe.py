@@ -158,8 +158,6 @@ class FakeProbe:
             name = rule["name"].encode()
             fields = (rule["direction"], 0, rule["packets"], rule["limit"], 1, rule["time"], len(name))
             return header(IP_DETAIL) + payload + struct.pack("<BBIIIIB", *fields) + name
-        if (action, target) == (HISTORY, STATE):
-            return header(HB_INFO) + bytes(44)  # no history
         if action == INFO:
             self.clients.append(connection)
             return header(SUCCESS)

@@ -259,6 +259,7 @@ class Wait(WithProbe):
                 status, out, err = finish(process)
                 self.assertEqual((status, out), (expected, ""), err)
                 self.assertIn(words, err)
+        self.probe.silent.clear()
         for action, words in ((ADD, ""), (INFO, "updates")):
             self.probe.refuse.add(action)
             status, _, err = self.ctl("add", "10.0.0.1", "--wait")

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <random>
+#include <sys/resource.h>
 #include <thread>
 
 namespace {
@@ -130,10 +131,18 @@ TEST(HistoryLife, RefusesMemoryThatIsNotToBeHad)
     EXPECT_EQ(hc_enable(ring.hc, uint64_t{1} << 46), HC_NO_MEMORY);
     EXPECT_EQ(hc_enable(ring.hc, 1000), HC_OK);
 
+    // What the system has cannot be asked without a descriptor.
+    const ring_t first(0);
+    rlimit before = {};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none = {0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(hc_enable(first.hc, uint64_t{4} << 20), HC_NO_MEMORY);
+    setrlimit(RLIMIT_NOFILE, &before);
+
     // Two rings that fit one by one and not together: the kernel would grant both. Each takes from 9/16 to
     // 3/4 of what there is.
     uint64_t size = uint64_t{1} << 40;
-    const ring_t first(0);
     while (hc_enable(first.hc, size) != HC_OK) {
         size = size / 4 * 3;
     }
