@@ -36,5 +36,10 @@ if(KESTRUNE_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
-# For code whose build takes far longer than it ever runs: the command lines, and the tests' own code.
+# For code whose build takes far longer than it ever runs: the tests' own code, and the command lines with the
+# library that reads them.
 set(KESTRUNE_COLD_OPTIONS -O0 -g1)
+set(KESTRUNE_COMMAND_LINE_OPTIONS ${KESTRUNE_COLD_OPTIONS})
+if(KESTRUNE_SANITIZE STREQUAL "address")
+  list(APPEND KESTRUNE_COMMAND_LINE_OPTIONS -fno-sanitize=undefined)
+endif()
