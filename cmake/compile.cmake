@@ -38,7 +38,10 @@ endif()
 
 # For code whose build takes far longer than it ever runs: the tests' own code, and the command lines with the
 # library that reads them.
-set(KESTRUNE_COLD_OPTIONS -O0 -g1)
+set(KESTRUNE_COLD_OPTIONS -O0)
+if(NOT KESTRUNE_TSA) # which runs nothing
+  list(APPEND KESTRUNE_COLD_OPTIONS -g1)
+endif()
 set(KESTRUNE_COMMAND_LINE_OPTIONS ${KESTRUNE_COLD_OPTIONS})
 if(KESTRUNE_SANITIZE STREQUAL "address")
   list(APPEND KESTRUNE_COMMAND_LINE_OPTIONS -fno-sanitize=undefined)
