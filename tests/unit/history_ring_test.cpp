@@ -198,10 +198,9 @@ TEST(HistoryLife, SurvivesEverythingAtOnce)
             }
         });
         std::this_thread::sleep_for(std::chrono::seconds(seconds));
+        EXPECT_TRUE(wait_until([&] { return stored > 1000 && rules > 50; })); // also on a busy machine
         stop = true;
         workers.clear(); // joined
-        EXPECT_GT(stored, 1000U);
-        EXPECT_GT(rules, 0U);
     }
     EXPECT_TRUE(resources_fall_to(before));
 }
