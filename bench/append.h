@@ -1,4 +1,4 @@
-// Files that grow on a memory file system, and the floor of writing a packet: the two system calls alone.
+// Growing files on a memory file system, and the floor of writing a packet: the two system calls alone.
 #pragma once
 
 #include "storage/pcap_writer.h"
@@ -15,7 +15,7 @@
 
 namespace append {
 
-constexpr int BATCH = 1000; // records before the file is cut again, with the clock stopped
+constexpr int BATCH = 1000; // records before the file is truncated, with the clock stopped
 
 inline std::string scratch(const std::string &name)
 {

@@ -1,5 +1,5 @@
-// Round trips of the control protocol over loopback while 100 clients are connected. Counters in
-// microseconds.
+// Round trips of the control protocol over loopback while 100 clients are connected.
+// Counters in microseconds.
 #include "tests/support/control_fixture.h"
 
 #include <algorithm>
@@ -53,9 +53,33 @@ void detail(benchmark::State &state)
     round_trips(state, request(3, 2, address_bytes(7)), 4 + 35 + 4);
 }
 
+// One client's ADDs in a row, each with a live file and a history file a queue, on a memory file system.
+void adds(benchmark::State &state)
+{
+    constexpr uint32_t ADDS = 1000;
+    for ([[maybe_unused]] auto _ : state) {
+        server_t server(4);
+        test_host::reset(-2);
+        const stream_t client = server.connect_client();
+        if (client.ask(request(4, 4, hex("40 00 00 00")), 4) != SUCCESS) {
+            state.SkipWithError("no history");
+        }
+        const auto begin = std::chrono::steady_clock::now();
+        for (uint32_t i = 0; i < ADDS; i++) {
+            if (client.ask(add_request(BOTH, i, 1000, 3600, "rule"), 4) != SUCCESS) {
+                state.SkipWithError("no rule");
+            }
+        }
+        const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+        state.SetIterationTime(time.count());
+    }
+}
+
 } // namespace
 
 BENCHMARK(list)->Iterations(50000)->UseRealTime();
 BENCHMARK(detail)->Iterations(50000)->UseRealTime();
+
+BENCHMARK(adds)->Iterations(5)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

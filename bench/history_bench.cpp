@@ -1,7 +1,7 @@
-// The history capture: appending to a full ring beside a bare copy, what a search does to the packets
-// meanwhile, and a search over a gigabyte beside a bare walk and a capture-file filter of the same packets.
+// The history capture: appending to a full ring beside a bare copy, the effect of a search on packets, and a
+// search over a gigabyte beside a bare walk and a capture-file filter of the same packets.
 
-#include "history_capture/history_capture.h"
+#include "history_capture/packet_path.h"
 #include "storage/pcap_writer.h"
 #include "support/test_host.h"
 
@@ -32,7 +32,7 @@ ip_addr_t address(uint32_t number)
     return ip_addr_from_ipv4(bytes);
 }
 
-// Lengths of a mixed link, drawn from a short fixed sequence: many small, many full, some between.
+// Lengths of mixed traffic from a short fixed sequence: many small, many full, some between.
 uint32_t mixed_length(uint32_t n)
 {
     static constexpr uint32_t lengths[] = {64, 1500, 64, 590, 1500, 128, 1500, 64, 256, 1500, 64, 900};
@@ -59,7 +59,7 @@ void fill(history_capture_t *hc)
         const uint32_t before = hc->packets;
         put(hc, n, mixed_length(n));
         if (at_full == UINT32_MAX && hc->packets <= before) {
-            at_full = n + dropped; // full: go a little further so that it has wrapped
+            at_full = n + dropped; // full: go on a little, so that it has wrapped
         }
     }
 }
@@ -79,7 +79,8 @@ void EnqueueIntoFullRing(benchmark::State &state)
 }
 BENCHMARK(EnqueueIntoFullRing)->Arg(64)->Arg(512)->Arg(1500);
 
-// The floor: a header and the data copied at the same stride, the length of what is overwritten read first.
+// The floor: copies a header and the data at the same stride, and first reads the
+// length of what it overwrites.
 void BareCopy(benchmark::State &state)
 {
     const auto length = static_cast<uint64_t>(state.range(0));
@@ -139,12 +140,12 @@ history_capture_t *filled_ring()
     return hc;
 }
 
-// Take in rules for `count` addresses that match nothing.
+// Add rules for `count` addresses that match nothing.
 void add_rules(history_capture_t *hc, int count)
 {
     const char *path = "/dev/shm/kestrune-bench-rule";
     rwlock_read(&hc->state_lock);          // one run for all of them
-    for (uint32_t n = 0; count > 0; n++) { // an address whose row is full is passed over
+    for (uint32_t n = 0; count > 0; n++) { // skips an address whose row is full
         const ip_addr_t ip = address(0x01000000 + n * 977);
         std::remove(path);
         count -= hc_add_rule(hc, &ip, BOTH, path) == HC_OK ? 1 : 0;
@@ -153,7 +154,7 @@ void add_rules(history_capture_t *hc, int count)
     rwlock_read_unlock(&hc->state_lock);
 }
 
-// Seconds and records of the run that was logged last.
+// Seconds and records of the last logged run.
 bool last_run(double *seconds, uint32_t *records)
 {
     for (const test_host::message_t &message : test_host::messages()) {
@@ -185,7 +186,7 @@ void Search(benchmark::State &state)
 }
 BENCHMARK(Search)->ArgName("rules")->Arg(1)->Arg(500)->UseManualTime()->Unit(benchmark::kMillisecond);
 
-// The floor of a search: the next record is found by reading each record's length.
+// The floor of a search: finds the next record by reading each record's length.
 void BareWalk(benchmark::State &state)
 {
     history_capture_t *hc = filled_ring();
@@ -212,8 +213,8 @@ void BareWalk(benchmark::State &state)
 }
 BENCHMARK(BareWalk)->Unit(benchmark::kMillisecond);
 
-// The same packets in a capture file in memory, filtered for one host by a whole tcpdump process: CPU
-// seconds.
+// The same packets in a capture file in memory, filtered for one host by a whole tcpdump
+// process: CPU seconds.
 void CaptureFileFilter(benchmark::State &state)
 {
     const char *path = "/dev/shm/kestrune-bench.pcap";
@@ -256,7 +257,7 @@ void CaptureFileFilter(benchmark::State &state)
 }
 BENCHMARK(CaptureFileFilter)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(2);
 
-// Time of each append, paced at 2 microseconds, without and with runs that walk the ring all the time.
+// Time of each append, paced at 2 microseconds, without and with runs that walk the ring continuously.
 void AppendLatency(benchmark::State &state)
 {
     history_capture_t *hc = filled_ring();

@@ -1,8 +1,8 @@
-// The packet path with the live capture: packets that nobody watches, and packets that are written. What the
-// figures are held against stands in README.md; ratios.py works it out.
+// The packet path with the live capture: unwatched packets, and packets that are written. README.md states
+// the goals; ratios.py computes the ratios.
 #include "append.h"
 #include "common/memory.h"
-#include "live_capture/live_capture.h"
+#include "live_capture/packet_path.h"
 #include "plugin/plugin.h"
 #include "support/test_host.h"
 #include "traffic.h"
@@ -23,7 +23,7 @@ using history_ptr = std::unique_ptr<history_capture_t, decltype(&hc_destroy)>;
 
 constexpr uint32_t NO_LIMIT = UINT32_MAX;
 
-// Watch the address, with a file that has no name any more.
+// Watch the address, with an unlinked file.
 int add(live_capture_t *live, const ip_addr_t &addr)
 {
     static std::atomic<uint64_t> files{0};
@@ -70,8 +70,8 @@ private:
 const uint8_t bytes[1500] = {};
 live_ptr shared_live(nullptr, lc_destroy);
 
-// Every thread is a queue with its history off; range(0) addresses are watched. The queues share one live
-// capture, or have one each.
+// Every thread is a queue with its history off; range(0) addresses are watched. The queues
+// share one live capture, or each has its own.
 template <bool SHARED>
 void unwatched(benchmark::State &state)
 {
@@ -96,8 +96,8 @@ void unwatched(benchmark::State &state)
 
 alignas(CACHE_LINES) std::atomic<uint64_t> shared_line[CACHE_LINES / sizeof(uint64_t)];
 
-// What the packet path cannot do without, by the letter of its definition: two readings of the clock, two
-// hashes and two reads of a line that the queues share.
+// A fixed cost to compare with: two readings of the clock, two hashes and two reads of a line that the queues
+// share. An unwatched packet hashes and reads as often, but does not read the clock.
 void unwatched_floor(benchmark::State &state)
 {
     const host_packets_t batch(traffic::unwatched_packets(), bytes, traffic::FRAME_SIZE);
@@ -122,11 +122,11 @@ void watched(benchmark::State &state)
     const live_ptr live(lc_init(), lc_destroy);
     const history_ptr history(hc_init(0), hc_destroy);
     const ip_addr_t addr = traffic::address(0x0a000001);
-    fhf_lock_t *row;
+    fhf_lock_t *row = nullptr;
     lc_item_t *item = nullptr;
     if (add(live.get(), addr) == LC_OK) {
         item = lc_find_locked(live.get(), &addr, &row);
-        fhf_unlock(row); // nobody else uses the table
+        fhf_unlock(row); // no other thread uses the table
     }
     const host_packets_t one({{traffic::address(0xac100001), addr}}, bytes,
                              static_cast<uint16_t>(state.range(0)));
@@ -139,7 +139,7 @@ void watched(benchmark::State &state)
     });
 }
 
-// tcpdump as a whole process over a file of the unwatched packets, with a filter of range(0) hosts.
+// tcpdump as a separate process over a file of the unwatched packets, with a filter of range(0) hosts.
 class tcpdump_t {
 public:
     static constexpr size_t COUNT = size_t{1} << 20; // packets

@@ -1,5 +1,6 @@
-// What one packet costs the probe, from memory on one queue: parsing, flow look-up and hand-over to an update
-// function that does nothing. The packets are a real capture's, repeated with rising timestamps.
+// The cost of a packet in the probe, from memory on one queue: parsing, flow look-up and
+// hand-over to an update function that does nothing. The packets are those of a real
+// capture, repeated with rising timestamps.
 #include "probe/capture_file.h"
 #include "probe/packet_queue.h"
 

@@ -23,7 +23,7 @@ def medians(paths):
 
 
 def goals():
-    """What is compared: text, numerator, denominator, factor, limit.
+    """The comparisons: text, numerator, denominator, factor, limit.
 
     A limit below 0 is a least ratio; of limit 0 the ratio is only told.
     """

@@ -1,5 +1,5 @@
-// The hash table's look-up of absent keys, and the pcap writer. What the figures are held against stands in
-// README.md; ratios.py works it out.
+// The hash table's look-up of absent keys, and the pcap writer. README.md states the
+// goals; ratios.py computes the ratios.
 #include "append.h"
 #include "storage/fhf_table.h"
 #include "storage/pcap_writer.h"
@@ -34,7 +34,7 @@ bool look_up(fhf_table_t *table, const ip_addr_t &addr)
     return found;
 }
 
-// The model to compare with: every look-up takes its row and compares the keys that are there.
+// The model to compare with: every look-up takes its row and compares the keys in it.
 bool look_up_under_lock(fhf_table_t *table, const ip_addr_t &addr)
 {
     const fhf_place_t place = fhf_place_of(table, addr.bytes);
@@ -50,7 +50,7 @@ bool look_up_under_lock(fhf_table_t *table, const ip_addr_t &addr)
 
 table_ptr shared_table(nullptr, fhf_destroy);
 
-// Both addresses of every packet; range(0) keys are stored. The threads share one table, or have one each.
+// Both addresses of every packet; range(0) keys are stored. The threads share one table, or each has its own.
 template <bool (*LOOK_UP)(fhf_table_t *, const ip_addr_t &), bool SHARED>
 void absent_keys(benchmark::State &state)
 {
@@ -101,7 +101,7 @@ void write_packets(benchmark::State &state)
     unlink(path.c_str());
 }
 
-// libpcap's writer, which collects records in a buffer; every batch ends with a flush.
+// libpcap's writer, which buffers records; every batch ends with a flush.
 void dump_packets(benchmark::State &state)
 {
     const auto length = static_cast<uint32_t>(state.range(0));

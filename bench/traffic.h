@@ -1,5 +1,5 @@
-// What both benches ask about: addresses to watch, packets that carry none of them, and libpcap's filter of
-// the same addresses.
+// Shared by the benches: addresses to watch, packets without any of them, and
+// libpcap's filter of the same addresses.
 #pragma once
 
 #include "common/ip_addr.h"
@@ -20,7 +20,7 @@
 
 namespace traffic {
 
-constexpr size_t PACKETS = 8192; // of one batch: more than a branch predictor learns by heart
+constexpr size_t PACKETS = 8192; // of one batch: too many for a branch predictor to learn
 constexpr size_t FRAME_SIZE = 60;
 
 // The two addresses of a packet.
@@ -45,7 +45,7 @@ inline uint32_t ipv4_of(const ip_addr_t &addr)
     return ipv4;
 }
 
-// Random addresses of 10.0.0.0/8 that all find room in the table, as many as asked for.
+// Random addresses of 10.0.0.0/8 that fit into the table, as many as requested.
 template <typename Insert>
 std::vector<ip_addr_t> watch(size_t count, Insert insert)
 {
@@ -89,7 +89,7 @@ inline std::vector<frame_t> frames_of(const std::vector<ends_t> &packets)
     return frames;
 }
 
-// "host A or host B ..."; of no address "less 1", which matches nothing either.
+// "host A or host B ..."; without addresses "less 1", which matches nothing either.
 inline std::string filter_text(const std::vector<ip_addr_t> &addresses)
 {
     std::string text;
@@ -105,8 +105,8 @@ inline benchmark::Counter time_each(double count)
     return {count, benchmark::Counter::kIsRate | benchmark::Counter::kInvert};
 }
 
-// The optimised filter program of so many hosts. Compiling one of 1000 hosts takes the better part of a
-// minute, so each is compiled once and kept.
+// The optimised filter program of this many hosts. Compiling 1000 hosts takes most of a minute, so each
+// program is compiled once and kept.
 inline const bpf_program &filter_program(size_t hosts)
 {
     static std::map<size_t, bpf_program> programs;

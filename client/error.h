@@ -8,7 +8,7 @@ namespace kestrune {
 
 enum class failure_t {
     CONNECT,      // no connection could be made
-    TIMEOUT,      // an answer or a send did not come to its end in time
+    TIMEOUT,      // an answer or a send did not finish in time
     CLOSED,       // the probe ended the connection
     MALFORMED,    // the probe sent what the protocol does not allow
     REFUSED,      // the probe answered FAIL

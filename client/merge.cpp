@@ -1,6 +1,7 @@
 #include "client/merge.h"
 
 #include "client/error.h"
+#include "common/clock.h"
 
 #include <algorithm>
 #include <array>
@@ -19,8 +20,6 @@ namespace kestrune {
 
 namespace {
 
-constexpr uint64_t NS_PER_S = 1'000'000'000;
-
 [[noreturn]] void fail(const std::string &text)
 {
     throw client_error_t(failure_t::LOCAL, text);
@@ -31,7 +30,7 @@ constexpr uint64_t NS_PER_S = 1'000'000'000;
     fail(text + ": " + std::generic_category().message(errno));
 }
 
-// Where a packet stands, and when it was seen.
+// Where a packet is, and its time.
 struct place_t {
     uint64_t time_ns;
     int64_t offset; // of its record in the file
@@ -77,7 +76,7 @@ public:
         return result == 1;
     }
 
-    // Nothing moves while packets are asked for in the order of the file.
+    // Does not seek while packets are read in file order.
     void move_to(int64_t offset)
     {
         if (this->offset() != offset && fseeko(pcap_file(pcap_.get()), offset, SEEK_SET) != 0) {
@@ -95,7 +94,7 @@ private:
     std::unique_ptr<pcap_t, close_t> pcap_; // owns the stream as well
 };
 
-// A file beside the output that takes the output's name at the end, and is deleted otherwise.
+// A file beside the output. It takes the output's name at the end, and is deleted otherwise.
 class output_t {
 public:
     output_t(const std::string &path, bool overwrite) : path_(path), part_(path + ".part-XXXXXX")
@@ -181,7 +180,7 @@ void stop_when_asked(const merge_options_t &options)
     }
 }
 
-// The seconds of a pcap record are 32 bits without sign; libpcap hands them out with one.
+// A pcap record has unsigned 32-bit seconds; libpcap returns them signed.
 uint64_t time_of(const pcap_pkthdr &header)
 {
     const auto seconds = static_cast<uint32_t>(header.ts.tv_sec);

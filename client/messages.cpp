@@ -31,7 +31,7 @@ void check_percent(uint8_t percent)
 
 void decode_server_header(msg_reader_t *in, msg_header_t *header)
 {
-    msg_decode_header(in, header);
+    msg_decode(in, header);
     if (!msg_version_supported(*header)) {
         malformed("version " + std::to_string(header->version_major) + "." +
                   std::to_string(header->version_minor));
@@ -41,7 +41,7 @@ void decode_server_header(msg_reader_t *in, msg_header_t *header)
     }
 }
 
-// A text of this many bytes; nothing read when they are not all there.
+// A text of this many bytes; reads nothing when they are incomplete.
 bool get_text(msg_reader_t *in, uint32_t size, std::string *text)
 {
     if (in->failed || size > in->size - in->used) {
@@ -61,13 +61,13 @@ std::optional<message_t> decode_list(msg_reader_t *in)
     if (count > LIST_COUNT_MAX) {
         malformed("a list of " + std::to_string(count) + " rules");
     }
-    // Room is taken only for records that are there.
+    // Allocate only for records that are present.
     if (in->size - in->used < count * MSG_IP_LIST_ITEM_SIZE) {
         return std::nullopt;
     }
     rule_list_t list(count);
     for (msg_ip_list_item_t &item : list) {
-        msg_decode_ip_list_item(in, &item);
+        msg_decode(in, &item);
         check_direction(item.direction);
     }
     return list;
@@ -76,7 +76,7 @@ std::optional<message_t> decode_list(msg_reader_t *in)
 std::optional<message_t> decode_detail(msg_reader_t *in)
 {
     detail_t detail = {};
-    if (!msg_decode_ip_detail(in, &detail.fields)) {
+    if (!msg_decode(in, &detail.fields)) {
         return std::nullopt;
     }
     check_direction(detail.fields.direction);
@@ -90,10 +90,10 @@ std::optional<message_t> decode_detail(msg_reader_t *in)
 std::optional<message_t> decode_history(msg_reader_t *in)
 {
     msg_hb_info_t info;
-    return msg_decode_hb_info(in, &info) ? std::optional<message_t>(info) : std::nullopt;
+    return msg_decode(in, &info) ? std::optional<message_t>(info) : std::nullopt;
 }
 
-// Built in its place: moving the nested variants sets off g++ 12's warnings of uninitialised members.
+// Built in place: moving the nested variants triggers false warnings of uninitialised members in g++ 12.
 template <typename T>
 std::optional<message_t> update(T value)
 {
@@ -101,7 +101,7 @@ std::optional<message_t> update(T value)
                                     std::move(value));
 }
 
-// A name may hold commas itself, but a history file's name ends in "_hc_" and its queue.
+// A name may contain commas, but a history file's name ends in "_hc_" and its queue.
 bool ends_a_file_name(std::string_view text)
 {
     static constexpr std::string_view MARK = "_hc_";
@@ -131,7 +131,7 @@ std::optional<message_t> decode_visual(msg_reader_t *in)
     msg_update_visual_t fixed;
     std::string history;
     visual_t visual;
-    msg_decode_update_visual(in, &fixed);
+    msg_decode(in, &fixed);
     if (in->failed || !get_text(in, fixed.history_length, &history) ||
         !get_text(in, fixed.live_length, &visual.live_file)) {
         return std::nullopt;
@@ -146,7 +146,7 @@ std::optional<message_t> decode_visual(msg_reader_t *in)
 std::optional<message_t> decode_capture(msg_reader_t *in)
 {
     msg_update_capture_t capture;
-    if (!msg_decode_update_capture(in, &capture)) {
+    if (!msg_decode(in, &capture)) {
         return std::nullopt;
     }
     check_percent(capture.progress);
@@ -161,7 +161,7 @@ std::optional<message_t> decode_update(msg_reader_t *in)
     switch (const uint8_t type = in->bytes[in->used]; type) {
     case msg_update::INCIDENT: {
         msg_update_incident_t incident;
-        return msg_decode_update_incident(in, &incident) ? update(incident) : std::nullopt;
+        return msg_decode(in, &incident) ? update(incident) : std::nullopt;
     }
     case msg_update::CAPTURE:
         return decode_capture(in);

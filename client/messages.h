@@ -1,4 +1,4 @@
-// What a probe says, decoded and checked. decode_message is the only way in for bytes from the network.
+// Messages of a probe, decoded and checked. All bytes from the network pass through decode_message.
 #pragma once
 
 #include "protocol/message.h"
@@ -16,7 +16,7 @@ namespace kestrune {
 // One running rule.
 struct detail_t {
     msg_ip_detail_t fields;
-    std::string name; // bytes as the probe has them, of any encoding
+    std::string name; // bytes as the probe sent them, in any encoding
 };
 
 // A finished rule and its files, named relative to the probe's export directory.
@@ -37,11 +37,11 @@ struct status_t {
 
 using message_t = std::variant<status_t, rule_list_t, detail_t, msg_hb_info_t, update_t>;
 
-// More rules than this in one list are taken for a lost place in the stream.
+// A longer list means that the client has lost its place in the stream.
 constexpr uint32_t LIST_COUNT_MAX = 1U << 20;
 
 // Decodes the message at the front of the bytes and says how many of them it took; nothing when it is not
-// there whole yet. Throws client_error_t (MALFORMED) for bytes that no probe of this version sends: another
+// complete yet. Throws client_error_t (MALFORMED) for bytes that no probe of this version sends: another
 // version, an unknown code or update type, a target other than 0, a direction above BOTH, a percentage above
 // 100, a list of more than LIST_COUNT_MAX rules.
 std::optional<message_t> decode_message(std::span<const uint8_t> bytes, size_t *used);

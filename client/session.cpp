@@ -1,13 +1,14 @@
 #include "client/session.h"
 
 #include <array>
+#include <iterator>
 
 namespace kestrune {
 
 namespace {
 
 constexpr size_t RECEIVE_SIZE = 65536;
-// Updates kept while nobody takes them; far above what a probe sends in the time of one request.
+// Size limit of kept updates; far above what a probe sends during one request.
 constexpr size_t UPDATES_SIZE_MAX = size_t{16} << 20;
 
 deadline_t in(std::chrono::milliseconds time)
@@ -15,12 +16,23 @@ deadline_t in(std::chrono::milliseconds time)
     return std::chrono::steady_clock::now() + time;
 }
 
-std::array<uint8_t, MSG_VALUE_SIZE> encode_value(uint32_t value)
+std::vector<uint8_t> bytes_of(uint32_t value)
 {
-    std::array<uint8_t, MSG_VALUE_SIZE> bytes = {};
-    msg_writer_t out = msg_writer(bytes.data(), bytes.size());
+    std::vector<uint8_t> bytes(MSG_VALUE_SIZE);
+    msg_writer_t out = msg_writer(bytes.data(), MSG_VALUE_SIZE);
     msg_put_u32(&out, value);
     return bytes;
+}
+
+std::vector<uint8_t> bytes_of(const ip_addr_t &addr)
+{
+    return {std::begin(addr.bytes), std::end(addr.bytes)};
+}
+
+bool is_status(const message_t &reply, uint8_t code)
+{
+    const status_t *status = std::get_if<status_t>(&reply);
+    return status != nullptr && status->code == code;
 }
 
 } // namespace
@@ -30,66 +42,77 @@ session_t::session_t(const endpoint_t &endpoint, const session_options_t &option
 {
 }
 
-void session_t::add(const add_request_t &add)
+void session_t::add(const add_request_t &request)
 {
-    if (add.name.empty() || add.name.size() > MSG_NAME_MAX) {
-        throw client_error_t(failure_t::LOCAL, "a rule's name has 1 to 127 bytes");
-    }
-    std::array<uint8_t, MSG_ADD_SIZE + MSG_NAME_MAX> payload = {};
-    msg_writer_t out = msg_writer(payload.data(), payload.size());
-    const auto length = static_cast<uint8_t>(add.name.size());
-    msg_encode_add(&out, {add.addr, add.packet_limit, add.time_limit_s, length});
-    msg_put_bytes(&out, add.name.data(), length);
-    request_success(msg_action::ADD, add.direction, std::span(payload).first(out.used));
+    ask(add_request(request));
 }
 
 void session_t::remove(const ip_addr_t &addr, uint8_t direction)
 {
-    request_success(msg_action::REMOVE, direction, addr.bytes);
+    ask({msg_action::REMOVE, direction, bytes_of(addr)});
 }
 
 rule_list_t session_t::list(uint8_t filter)
 {
-    return request_answer<rule_list_t>(msg_action::LIST, filter, {});
+    return ask<rule_list_t>({msg_action::LIST, filter, {}});
 }
 
 detail_t session_t::detail(const ip_addr_t &addr)
 {
-    auto detail = request_answer<detail_t>(msg_action::DETAIL, BOTH, addr.bytes);
-    if (!(detail.fields.addr == addr)) {
-        end(failure_t::MALFORMED, "the probe answered for another address");
-    }
-    return detail;
+    return expect_detail(ask<detail_t>({msg_action::DETAIL, BOTH, bytes_of(addr)}), addr);
 }
 
 void session_t::history_on(uint32_t size_mb)
 {
-    request_success(msg_action::HISTORY, msg_target::ON, encode_value(size_mb));
+    ask({msg_action::HISTORY, msg_target::ON, bytes_of(size_mb)});
 }
 
 void session_t::history_off()
 {
-    request_success(msg_action::HISTORY, msg_target::OFF, {});
+    ask({msg_action::HISTORY, msg_target::OFF, {}});
 }
 
 msg_hb_info_t session_t::history_info()
 {
-    return request_answer<msg_hb_info_t>(msg_action::HISTORY, msg_target::INFO, {});
+    return ask<msg_hb_info_t>({msg_action::HISTORY, msg_target::INFO, {}});
 }
 
 void session_t::updates_on()
 {
-    request_success(msg_action::INFO, msg_target::ON, {});
-}
-
-void session_t::updates_off()
-{
-    request_success(msg_action::INFO, msg_target::OFF, {});
+    ask({msg_action::INFO, msg_target::ON, {}});
 }
 
 void session_t::set_heavy_size(uint32_t packets)
 {
-    request_success(msg_action::REQ_HS, msg_target::HEAVY_SIZE, encode_value(packets));
+    ask({msg_action::REQ_HS, msg_target::HEAVY_SIZE, bytes_of(packets)});
+}
+
+void session_t::add_many(std::span<const add_request_t> requests, std::vector<bool> *taken)
+{
+    exchange_status(
+        requests.size(), [&](size_t i) { return add_request(requests[i]); }, taken);
+}
+
+void session_t::remove_many(std::span<const ip_addr_t> addrs, uint8_t direction, std::vector<bool> *taken)
+{
+    const auto make = [&](size_t i) { return request_t{msg_action::REMOVE, direction, bytes_of(addrs[i])}; };
+    exchange_status(addrs.size(), make, taken);
+}
+
+std::vector<std::optional<detail_t>> session_t::detail_many(std::span<const ip_addr_t> addrs)
+{
+    std::vector<std::optional<detail_t>> details(addrs.size());
+    exchange(
+        addrs.size(),
+        [&](size_t i) {
+            return request_t{msg_action::DETAIL, BOTH, bytes_of(addrs[i])};
+        },
+        [&](size_t i, message_t reply) {
+            if (!is_status(reply, msg_code::FAIL)) {
+                details[i] = expect_detail(std::move(reply), addrs[i]);
+            }
+        });
+    return details;
 }
 
 std::optional<update_t> session_t::next_update(deadline_t deadline)
@@ -114,27 +137,91 @@ std::optional<update_t> session_t::next_update(deadline_t deadline)
     return message ? std::optional(std::get<update_t>(std::move(*message))) : std::nullopt;
 }
 
-message_t session_t::request(uint8_t action, uint8_t target, std::span<const uint8_t> payload)
+session_t::request_t session_t::add_request(const add_request_t &add)
+{
+    if (add.name.empty() || add.name.size() > MSG_NAME_MAX) {
+        throw client_error_t(failure_t::LOCAL, "a rule's name has 1 to 127 bytes");
+    }
+    const auto length = static_cast<uint8_t>(add.name.size());
+    std::vector<uint8_t> payload(MSG_ADD_SIZE + length);
+    msg_writer_t out = msg_writer(payload.data(), MSG_ADD_SIZE + length);
+    msg_encode(&out, msg_add_t{add.addr, add.packet_limit, add.time_limit_s, length});
+    msg_put_bytes(&out, add.name.data(), length);
+    return {msg_action::ADD, add.direction, std::move(payload)};
+}
+
+// Sends the requests that `make` returns and passes each reply to `take`. Requests go out in batches; the
+// next follows when half of the last is answered.
+void session_t::exchange(size_t count, const std::function<request_t(size_t)> &make,
+                         const std::function<void(size_t, message_t)> &take)
 {
     check_in_step();
-    const deadline_t deadline = in(options_.answer_time);
-    std::vector<uint8_t> bytes(MSG_HEADER_SIZE);
-    msg_writer_t out = msg_writer(bytes.data(), MSG_HEADER_SIZE);
-    msg_encode_header(&out, msg_request(action, target));
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    over_ = true; // until the reply is here
-    socket_.send(bytes, deadline, options_.finish_requests ? NO_INTERRUPT : options_.interrupt_fd);
-    message_t reply = await_reply(deadline);
-    const status_t *status = std::get_if<status_t>(&reply);
-    if (status != nullptr && status->code == msg_code::UNRECOGNIZED) {
-        over_ = !payload.empty(); // which the probe takes for requests
-        throw client_error_t(failure_t::UNRECOGNIZED, "the probe does not know this request", action);
+    const int interrupt_fd = options_.finish_requests ? NO_INTERRUPT : options_.interrupt_fd;
+    std::vector<uint8_t> bytes;
+    std::deque<request_t> ahead; // sent, without their replies
+    size_t sent = 0;
+    for (size_t done = 0; done < count; done++) {
+        const deadline_t deadline = in(options_.answer_time);
+        bytes.clear();
+        while (ahead.size() < REQUESTS_AHEAD && sent < count &&
+               (!bytes.empty() || ahead.size() <= REQUESTS_AHEAD / 2)) {
+            const request_t &request = ahead.emplace_back(make(sent++));
+            bytes.resize(bytes.size() + MSG_HEADER_SIZE);
+            msg_writer_t out = msg_writer(&bytes[bytes.size() - MSG_HEADER_SIZE], MSG_HEADER_SIZE);
+            msg_encode(&out, msg_request(request.action, request.target));
+            bytes.insert(bytes.end(), request.payload.begin(), request.payload.end());
+        }
+        over_ = true; // until all replies have come
+        socket_.send(bytes, deadline, interrupt_fd);
+        message_t reply = await_reply(deadline);
+        const request_t request = std::move(ahead.front());
+        ahead.pop_front();
+        if (is_status(reply, msg_code::UNRECOGNIZED)) {
+            over_ = count > 1 || !request.payload.empty(); // the probe takes it for requests
+            throw client_error_t(failure_t::UNRECOGNIZED, "the probe does not know this request",
+                                 request.action);
+        }
+        take(done, std::move(reply));
     }
     over_ = false;
-    if (status != nullptr && status->code == msg_code::FAIL) {
-        throw client_error_t(failure_t::REFUSED, "the probe answered FAIL", action);
+}
+
+void session_t::exchange_status(size_t count, const std::function<request_t(size_t)> &make,
+                                std::vector<bool> *taken)
+{
+    exchange(count, make, [&](size_t, message_t reply) {
+        taken->push_back(expect<status_t>(std::move(reply)).code == msg_code::SUCCESS);
+    });
+}
+
+template <typename T>
+T session_t::ask(const request_t &request)
+{
+    std::optional<message_t> reply;
+    exchange(
+        1, [&](size_t) { return request; }, [&](size_t, message_t message) { reply = std::move(message); });
+    if (is_status(*reply, msg_code::FAIL)) {
+        throw client_error_t(failure_t::REFUSED, "the probe answered FAIL", request.action);
     }
-    return reply;
+    return expect<T>(std::move(*reply));
+}
+
+template <typename T>
+T session_t::expect(message_t reply)
+{
+    if (!std::holds_alternative<T>(reply)) {
+        end(failure_t::MALFORMED, "the probe answered another request than the one it was sent");
+    }
+    return std::get<T>(std::move(reply));
+}
+
+detail_t session_t::expect_detail(message_t reply, const ip_addr_t &addr)
+{
+    auto detail = expect<detail_t>(std::move(reply));
+    if (!(detail.fields.addr == addr)) {
+        end(failure_t::MALFORMED, "the probe answered for another address");
+    }
+    return detail;
 }
 
 message_t session_t::await_reply(deadline_t deadline)
@@ -155,23 +242,8 @@ message_t session_t::await_reply(deadline_t deadline)
     }
 }
 
-void session_t::request_success(uint8_t action, uint8_t target, std::span<const uint8_t> payload)
-{
-    request_answer<status_t>(action, target, payload);
-}
-
-template <typename T>
-T session_t::request_answer(uint8_t action, uint8_t target, std::span<const uint8_t> payload)
-{
-    message_t reply = request(action, target, payload);
-    if (!std::holds_alternative<T>(reply)) {
-        end(failure_t::MALFORMED, "the probe answered another request than the one it was sent");
-    }
-    return std::get<T>(std::move(reply));
-}
-
-// The next message, decoded from what has come or comes until the deadline; nothing when it did not come
-// whole.
+// The next message, decoded from received bytes or from bytes that arrive before the
+// deadline; nothing when it is incomplete by then.
 std::optional<message_t> session_t::next_message(deadline_t deadline, int interrupt_fd)
 {
     for (bool waited = false;; waited = true) {

@@ -1,12 +1,13 @@
 // A control connection to one probe: a function per request, and the probe's updates, which may come at any
 // time on the same connection (docs/protocol.md).
 //
-//   request    sent whole; then messages are taken until the reply is there. Updates before it are kept.
+//   request    sent whole; then messages are read until the reply comes. Updates before it are kept.
+//   requests   sent ahead of the replies, at most REQUESTS_AHEAD; replies come in the order of the requests.
 //   update     the oldest kept one, or the next that comes.
 //
-// Every wait is bounded: a request by the answer time of the session, next_update by its deadline. After any
-// error other than REFUSED, UNRECOGNIZED of a request without payload, and an interrupted next_update, the
-// two sides may be out of step and the session is over: each further call throws CLOSED.
+// Every wait is bounded: each reply by the session's answer time, next_update by its deadline. Some errors
+// leave the two sides in step: REFUSED, UNRECOGNIZED for a single request without payload, and an interrupted
+// next_update. After any other error the session is over, and each further call throws CLOSED.
 //
 // Threads: a session belongs to one thread at a time.
 #pragma once
@@ -18,7 +19,9 @@
 #include <chrono>
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,11 +29,15 @@
 namespace kestrune {
 
 struct session_options_t {
-    std::chrono::milliseconds connect_time{5000}; // for the name service and all addresses together
+    std::chrono::milliseconds connect_time{5000}; // name service and all addresses together
     std::chrono::milliseconds answer_time{10000}; // from a request to the end of its reply
     int interrupt_fd = NO_INTERRUPT;              // borrowed; when readable, waits throw INTERRUPTED
-    bool finish_requests = false;                 // let interrupts end connecting and next_update only
+    bool finish_requests = false;                 // interrupts end only connecting and next_update
 };
+
+// Requests sent but not yet answered. They and their replies fit into the smallest socket buffers, so neither
+// side can wait for the other to read.
+constexpr size_t REQUESTS_AHEAD = 64;
 
 struct add_request_t {
     ip_addr_t addr = {};
@@ -45,8 +52,8 @@ public:
     // Connects; throws client_error_t (CONNECT, INTERRUPTED).
     session_t(const endpoint_t &endpoint, const session_options_t &options);
 
-    // Requests. All throw client_error_t: REFUSED for a FAIL, UNRECOGNIZED, TIMEOUT, CLOSED, MALFORMED,
-    // INTERRUPTED.
+    // Requests. All throw client_error_t: REFUSED for a FAIL, UNRECOGNIZED, TIMEOUT,
+    // CLOSED, MALFORMED, INTERRUPTED.
     void add(const add_request_t &request);
     void remove(const ip_addr_t &addr, uint8_t direction);
     rule_list_t list(uint8_t filter); // msg_target::SRC, DST, BOTH (exactly these) or ALL; newest first
@@ -55,18 +62,36 @@ public:
     void history_off();
     msg_hb_info_t history_info();
     void updates_on();
-    void updates_off();
     void set_heavy_size(uint32_t packets);
 
-    // The oldest update not taken yet, waiting for one until the deadline; nothing when none came.
-    // Throws client_error_t: CLOSED, MALFORMED, INTERRUPTED.
+    // The same for many addresses, without waiting for a reply before the next request. They throw as above,
+    // except REFUSED. `taken` is empty at first and says for each answered request whether the plugin carried
+    // it out; after an error it is shorter than the requests.
+    void add_many(std::span<const add_request_t> requests, std::vector<bool> *taken);
+    void remove_many(std::span<const ip_addr_t> addrs, uint8_t direction, std::vector<bool> *taken);
+    // Nothing for an address without a running live capture.
+    std::vector<std::optional<detail_t>> detail_many(std::span<const ip_addr_t> addrs);
+
+    // The oldest update not taken yet; waits for one until the deadline. Nothing when none came. Throws
+    // client_error_t: CLOSED, MALFORMED, INTERRUPTED.
     std::optional<update_t> next_update(deadline_t deadline);
 
 private:
-    message_t request(uint8_t action, uint8_t target, std::span<const uint8_t> payload);
-    void request_success(uint8_t action, uint8_t target, std::span<const uint8_t> payload);
+    struct request_t {
+        uint8_t action;
+        uint8_t target;
+        std::vector<uint8_t> payload;
+    };
+    static request_t add_request(const add_request_t &add);
+    void exchange(size_t count, const std::function<request_t(size_t)> &make,
+                  const std::function<void(size_t, message_t)> &take);
+    void exchange_status(size_t count, const std::function<request_t(size_t)> &make,
+                         std::vector<bool> *taken);
+    template <typename T = status_t>
+    T ask(const request_t &request);
     template <typename T>
-    T request_answer(uint8_t action, uint8_t target, std::span<const uint8_t> payload);
+    T expect(message_t reply);
+    detail_t expect_detail(message_t reply, const ip_addr_t &addr);
     message_t await_reply(deadline_t deadline);
     std::optional<message_t> next_message(deadline_t deadline, int interrupt_fd);
     void keep(update_t update, size_t size);
@@ -76,10 +101,10 @@ private:
     session_options_t options_;
     socket_t socket_;
     std::vector<uint8_t> input_;                      // received
-    size_t input_used_ = 0;                           // bytes of it that are decoded
+    size_t input_used_ = 0;                           // decoded bytes of it
     size_t message_size_ = 0;                         // bytes of the message decoded last
     std::deque<std::pair<update_t, size_t>> updates_; // with their bytes on the wire
-    size_t updates_size_ = 0;                         // sum of these
+    size_t updates_size_ = 0;                         // sum of their bytes
     bool over_ = false;
 };
 

@@ -40,7 +40,7 @@ int poll_milliseconds(deadline_t deadline)
     return static_cast<int>(std::clamp<int64_t>(left, 0, std::numeric_limits<int>::max()));
 }
 
-// True when the descriptor has one of the events or an error, false at the deadline; throws when interrupted.
+// True when the descriptor has one of the events or an error, false at the deadline. Throws when interrupted.
 bool wait_for(int fd, short events, deadline_t deadline, int interrupt_fd)
 {
     pollfd polled[2] = {{fd, events, 0}, {interrupt_fd, POLLIN, 0}};
@@ -101,13 +101,13 @@ struct addresses_t {
     }
 };
 
-// A look-up of a name: a thread of its own, since getaddrinfo takes no deadline. When the deadline comes
-// first the thread is left behind, and holds its share of the result until it ends.
+// A look-up of a name, on a thread of its own because getaddrinfo takes no deadline. If the deadline comes
+// first, the thread is left behind and keeps its share of the result until it ends.
 struct look_up_t {
     explicit look_up_t(endpoint_t where) : endpoint(std::move(where)), done(eventfd(0, EFD_CLOEXEC)) {}
     endpoint_t endpoint;
     addresses_t addresses;
-    descriptor_t done; // readable once the addresses are there
+    descriptor_t done; // readable once the addresses are known
 };
 
 std::shared_ptr<look_up_t> resolve(const endpoint_t &endpoint, deadline_t deadline, int interrupt_fd)
@@ -135,8 +135,8 @@ std::shared_ptr<look_up_t> resolve(const endpoint_t &endpoint, deadline_t deadli
     return result;
 }
 
-// Options that a connection works without; their failure is no reason to give it up. Keep-alive lets a long
-// watch notice within a minute that the probe's machine is gone.
+// Options that a connection works without, so their failure is ignored. Keep-alive makes a long watch notice
+// within a minute that the probe's machine is gone.
 void set_options(int fd)
 {
     const auto set = [fd](int level, int name, int value) {

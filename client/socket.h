@@ -1,5 +1,4 @@
-// A TCP connection on which every wait ends: by its deadline, or when an interrupt descriptor becomes
-// readable.
+// A TCP connection. Every wait ends, at its deadline or when an interrupt descriptor becomes readable.
 #pragma once
 
 #include "client/text_forms.h"
@@ -17,9 +16,9 @@ constexpr int NO_INTERRUPT = -1;
 
 class socket_t {
 public:
-    // Resolves the host and tries all its addresses in turn, each with its share of the time left. Throws
-    // client_error_t: CONNECT with the reason, INTERRUPTED. The interrupt descriptor is borrowed and only
-    // polled.
+    // Resolves the host and tries all its addresses in turn, each with its share of the
+    // time left. Throws client_error_t: CONNECT with the reason, INTERRUPTED. The
+    // interrupt descriptor is borrowed and only polled.
     socket_t(const endpoint_t &endpoint, deadline_t deadline, int interrupt_fd);
     ~socket_t();
     socket_t(const socket_t &) = delete;
@@ -27,8 +26,8 @@ public:
 
     // Sends everything. Throws client_error_t: TIMEOUT, CLOSED, INTERRUPTED.
     void send(std::span<const uint8_t> bytes, deadline_t deadline, int interrupt_fd);
-    // Waits for bytes and takes as many as are there; 0: none came before the deadline. A deadline in the
-    // past still takes what has come already. Throws client_error_t: CLOSED, INTERRUPTED.
+    // Waits for bytes and takes as many as have come; 0: none before the deadline. With a deadline in the
+    // past it still takes what has come already. Throws client_error_t: CLOSED, INTERRUPTED.
     size_t receive(std::span<uint8_t> room, deadline_t deadline, int interrupt_fd);
 
 private:

@@ -1,11 +1,14 @@
 #include "client/text_forms.h"
 
+#include "protocol/message.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
 #include <charconv>
 #include <cstdio>
 #include <iterator>
+#include <limits>
 #include <optional>
 #include <stdexcept>
 
@@ -15,7 +18,8 @@ namespace {
 
 constexpr std::string_view DEFAULT_PORT = "37564";
 constexpr std::string_view DIGITS = "0123456789";
-constexpr uint64_t U32_MAX = 0xFFFFFFFF;
+constexpr uint64_t U32_MAX = std::numeric_limits<uint32_t>::max();
+constexpr uint64_t PORT_MAX = std::numeric_limits<uint16_t>::max();
 
 [[noreturn]] void refuse(std::string_view text, const std::string &why)
 {
@@ -143,7 +147,7 @@ endpoint_t parse_endpoint(std::string_view text)
         port = text.substr(colon + 1);
     }
     const std::optional<uint64_t> value = number(port);
-    if (!value || *value == 0 || *value > 65535) {
+    if (!value || *value == 0 || *value > PORT_MAX) {
         refuse(text, "has no port of 1 to 65535 behind its colon");
     }
     if (host.empty() || host.find_first_of(" \t/") != std::string_view::npos) {
@@ -209,7 +213,7 @@ uint32_t parse_size_mb(std::string_view text)
 
 void check_rule_name(std::string_view name)
 {
-    if (name.empty() || name.size() > 127) {
+    if (name.empty() || name.size() > MSG_NAME_MAX) {
         refuse(name, "has " + std::to_string(name.size()) + " bytes; a rule's name has 1 to 127");
     }
     for (const char c : name) {
@@ -221,11 +225,15 @@ void check_rule_name(std::string_view name)
     }
 }
 
-std::string default_rule_name(const ip_addr_t &addr)
+std::string dated_rule_name(const ip_addr_t &addr, std::time_t now)
 {
     std::string name = ip_addr_text(addr).text;
     std::replace(name.begin(), name.end(), ':', '-');
-    return name;
+    std::tm parts = {};
+    gmtime_r(&now, &parts);
+    char time[32] = "";
+    std::strftime(time, sizeof time, "-%Y%m%dT%H%M%SZ", &parts);
+    return name + time;
 }
 
 std::string format_duration(uint64_t seconds)
@@ -263,7 +271,7 @@ std::string printable(std::string_view text)
     std::string clean(text);
     for (size_t i = 0; i < clean.size(); i++) {
         const auto byte = static_cast<unsigned char>(clean[i]);
-        // C1 controls come as c2 80 to c2 9f in UTF-8; some terminals obey them.
+        // In UTF-8, C1 controls are c2 80 to c2 9f. Some terminals obey them.
         const bool c1 = byte == 0xC2 && i + 1 < clean.size() &&
                         static_cast<unsigned char>(clean[i + 1]) >= 0x80 &&
                         static_cast<unsigned char>(clean[i + 1]) <= 0x9F;

@@ -1,5 +1,8 @@
 # Flags that every target of the project is compiled with.
-add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+if(KESTRUNE_TESTS)
+  add_compile_options(-Werror)
+endif()
 add_compile_options(-Wcast-qual -Wformat=2 -Wmissing-declarations -Wnon-virtual-dtor -Wundef -Wvla)
 # Variadic macros take an empty argument list with __VA_OPT__ of C++20; clang++ 14 still warns of it.
 if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
@@ -42,7 +45,10 @@ set(KESTRUNE_COLD_OPTIONS -O0)
 if(NOT KESTRUNE_TSA) # which runs nothing
   list(APPEND KESTRUNE_COLD_OPTIONS -g1)
 endif()
-set(KESTRUNE_COMMAND_LINE_OPTIONS ${KESTRUNE_COLD_OPTIONS})
+set(KESTRUNE_COMMAND_LINE_OPTIONS)
+if(KESTRUNE_TESTS)
+  set(KESTRUNE_COMMAND_LINE_OPTIONS ${KESTRUNE_COLD_OPTIONS})
+endif()
 if(KESTRUNE_SANITIZE STREQUAL "address")
   list(APPEND KESTRUNE_COMMAND_LINE_OPTIONS -fno-sanitize=undefined)
 endif()

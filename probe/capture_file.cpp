@@ -1,5 +1,6 @@
 #include "probe/capture_file.h"
 
+#include "common/clock.h"
 #include "probe/error.h"
 #include "probe/log.h"
 
@@ -7,8 +8,6 @@
 
 namespace probe {
 namespace {
-
-constexpr uint64_t NS_PER_S = 1'000'000'000;
 
 pcap_t *open_file(const std::string &path, pipe_input_t *pipe)
 {
@@ -111,7 +110,7 @@ capture_file_t::result_t capture_file_t::next(captured_t *out)
     pcap_pkthdr *header = nullptr;
     const u_char *data = nullptr;
     const int status = pcap_next_ex(pcap_.get(), &header, &data);
-    if (status == PCAP_ERROR_BREAK) { // libpcap's word for the end of a file
+    if (status == PCAP_ERROR_BREAK) { // libpcap's code for the end of a file
         return result_t::END;
     }
     if (status != 1) {
@@ -142,7 +141,7 @@ void replay_files(const replay_options_t &options, const stop_event_t &stop, rea
                 log_warning("%s ends in a cut record; read up to it", path.c_str());
             }
         }
-        if (stop.requested() || counters->read.get() == read_before) { // empty files have no end to wait for
+        if (stop.requested() || counters->read.get() == read_before) { // without packets the passes never end
             break;
         }
     }

@@ -1,4 +1,4 @@
-// Reading pcap and pcapng files, with nanosecond timestamps, and replaying them.
+// Reads pcap and pcapng files, with nanosecond timestamps, and replays them.
 //
 // Threads: one.
 #pragma once
@@ -26,11 +26,11 @@ struct captured_t {
 
 class capture_file_t {
 public:
-    // Open a file. Throws error_t when it cannot be opened, is no capture file, or has a link type that
-    // cannot be read.
+    // Opens a file. Throws error_t when it cannot be opened, is no capture file, or
+    // has a link type that cannot be read.
     explicit capture_file_t(const std::string &path);
-    // The same for a pipe, "-" being standard input. A stop ends the file early, if need be in a cut record;
-    // before the link type was read it throws error_t.
+    // The same for a pipe; "-" is standard input. A stop ends the file early, possibly within a record. A
+    // stop before the link type is read throws error_t.
     capture_file_t(const std::string &path, const stop_event_t &stop, packet_sink_t *sink);
 
     enum class result_t : uint8_t {
@@ -46,7 +46,7 @@ private:
     capture_file_t(const std::string &path, std::unique_ptr<pipe_input_t> pipe);
 
     std::string path_;
-    std::unique_ptr<pipe_input_t> pipe_; // null: a regular file. Read by pcap_, which ends before it
+    std::unique_ptr<pipe_input_t> pipe_; // null: a regular file. Outlives pcap_, which reads from it
     std::unique_ptr<pcap_t, decltype(&pcap_close)> pcap_;
     link_type_t link_type_ = link_type_t::ETHERNET;
 };
@@ -58,8 +58,8 @@ struct replay_options_t {
     bool rebase = false;            // timestamps are moved to now
 };
 
-// Read all files, at the recorded pace if asked, until they end or a stop is requested. A cut file is logged
-// once. Throws error_t; what was read before has reached the sink.
+// Read all files, at the recorded pace if requested, until they end or a stop is requested. A cut file is
+// logged once. Throws error_t; everything read before that has reached the sink.
 void replay_files(const replay_options_t &options, const stop_event_t &stop, reader_counters_t *counters,
                   packet_sink_t *sink);
 

@@ -1,5 +1,6 @@
 #include "probe/capture_interface.h"
 
+#include "common/clock.h"
 #include "probe/error.h"
 #include "probe/log.h"
 
@@ -14,10 +15,9 @@ namespace probe {
 namespace {
 
 constexpr int SNAP_LENGTH = 65535;     // the most that a packet record can hold
-constexpr int READ_TIMEOUT_MS = 10;    // a packet waits in the kernel's block this long at most
-constexpr int DISPATCH_PACKETS = 1024; // between two looks at the stop event
+constexpr int READ_TIMEOUT_MS = 10;    // longest wait of a packet in the kernel's block
+constexpr int DISPATCH_PACKETS = 1024; // between two checks of the stop event
 constexpr int POLL_TIMEOUT_MS = 250;   // age of the drop counter on a quiet interface
-constexpr uint64_t NS_PER_S = 1'000'000'000;
 
 pcap_t *create(const std::string &name)
 {
@@ -29,16 +29,16 @@ pcap_t *create(const std::string &name)
     return pcap;
 }
 
-std::string activation_error(pcap_t *pcap, int status)
+std::string activation_error(pcap_t *pcap, const std::string &name, int status)
 {
     if (status == PCAP_ERROR_PERM_DENIED || status == PCAP_ERROR_PROMISC_PERM_DENIED) {
         return "permission denied; root or CAP_NET_RAW is needed";
     }
     if (status == PCAP_ERROR_NO_SUCH_DEVICE) {
-        return "no such interface";
+        return "no such interface; set another with --interface ('ip link' lists them)";
     }
     if (status == PCAP_ERROR_IFACE_NOT_UP) {
-        return "the interface is not up";
+        return "the interface is not up; 'ip link set " + name + " up' changes that";
     }
     return status == PCAP_ERROR ? pcap_geterr(pcap) : pcap_statustostr(status);
 }
@@ -48,7 +48,7 @@ struct dispatch_t {
     pcap_t *pcap;
     frame_reader_t *reader;
     uint64_t start_ns;
-    bool started; // a packet from after the start was seen: the clock may be set from then on
+    bool started; // a packet from after the start was seen; setting the clock back does no harm now
     std::exception_ptr failure;
 };
 
@@ -82,7 +82,7 @@ interface_capture_t::interface_capture_t(const interface_options_t &options)
     pcap_set_tstamp_precision(pcap, PCAP_TSTAMP_PRECISION_NANO);
     const int status = pcap_activate(pcap);
     if (status < 0) {
-        throw error_t("cannot capture on " + name_ + ": " + activation_error(pcap, status));
+        throw error_t("cannot capture on " + name_ + ": " + activation_error(pcap, name_, status));
     }
     char error[PCAP_ERRBUF_SIZE] = "";
     if (pcap_get_tstamp_precision(pcap) != PCAP_TSTAMP_PRECISION_NANO) {
@@ -94,7 +94,7 @@ interface_capture_t::interface_capture_t(const interface_options_t &options)
     link_type_ = link_type_of(pcap_datalink(pcap), "interface " + name_);
 }
 
-// The first handle founds a group with a number that the kernel chooses, the others join it.
+// The first handle creates a group whose number the kernel chooses; the others join it.
 void interface_capture_t::join_fanout(std::optional<uint16_t> *group)
 {
     const int fd = pcap_fileno(pcap_.get());
@@ -115,6 +115,7 @@ interface_capture_t::open(const interface_options_t &options)
     std::optional<uint16_t> group;
     for (uint32_t i = 0; i < options.queue_count; i++) {
         captures.emplace_back(new interface_capture_t(options));
+        captures.back()->first_ = i == 0;
         if (options.queue_count > 1) {
             captures.back()->join_fanout(&group);
         }
@@ -128,11 +129,13 @@ void interface_capture_t::count_drops(reader_counters_t *counters)
     if (pcap_stats(pcap_.get(), &statistics) != 0) {
         return;
     }
-    if (counters == nullptr) {
-        drops_before_ = statistics.ps_drop;
-    } else {
-        counters->kernel_dropped.set(statistics.ps_drop - drops_before_);
+    if (counting_) {
+        counters->kernel_dropped.add(statistics.ps_drop - kernel_drops_);
+        counters->interface_dropped.add(first_ ? statistics.ps_ifdrop - interface_drops_ : 0);
     }
+    counting_ = true;
+    kernel_drops_ = statistics.ps_drop;
+    interface_drops_ = statistics.ps_ifdrop;
 }
 
 void interface_capture_t::run(uint64_t start_ns, const stop_event_t &stop, reader_counters_t *counters,
@@ -140,7 +143,7 @@ void interface_capture_t::run(uint64_t start_ns, const stop_event_t &stop, reade
 {
     frame_reader_t reader(link_type_, counters, sink);
     dispatch_t dispatch = {pcap_.get(), &reader, start_ns, false, nullptr};
-    count_drops(nullptr);
+    count_drops(counters);
     uint64_t counted_ns = monotonic_now_ns();
     while (!stop.requested()) {
         const int status =
@@ -157,7 +160,7 @@ void interface_capture_t::run(uint64_t start_ns, const stop_event_t &stop, reade
             poll(events, 2, POLL_TIMEOUT_MS);
         }
         const uint64_t now_ns = monotonic_now_ns();
-        if (now_ns - counted_ns >= POLL_TIMEOUT_MS * (NS_PER_S / 1000)) {
+        if (now_ns - counted_ns >= POLL_TIMEOUT_MS * NS_PER_MS) {
             count_drops(counters);
             counted_ns = now_ns;
         }

@@ -1,9 +1,9 @@
-// Capturing on a network interface: one handle per queue, all in one PACKET_FANOUT group that the kernel
-// divides by flow hash. The kernel's hash is the same for both directions of a flow, and leaves the ports out
-// for fragments, so that a flow stays in one queue.
+// Captures on a network interface: one handle per queue, all in one PACKET_FANOUT group that the kernel
+// divides by flow hash. The kernel's hash is the same for both directions of a flow and ignores the ports of
+// fragments, so a flow stays in one queue.
 //
-// Handles capture from the moment they are opened, before the group is complete and the plugin ready. What
-// carries a timestamp from before the start of run() is therefore left out: it may be in several queues.
+// Handles capture from the moment they are opened, before the group is complete and the plugin ready. Packets
+// with a timestamp from before run() are therefore left out: they may be in several queues.
 //
 // Threads: open by the main thread; each handle's run by its own queue's thread.
 #pragma once
@@ -46,7 +46,10 @@ private:
     std::string name_;
     std::unique_ptr<pcap_t, decltype(&pcap_close)> pcap_;
     link_type_t link_type_ = link_type_t::ETHERNET;
-    uint64_t drops_before_ = 0; // of the kernel, before run()
+    bool first_ = false;        // counts the interface's own drops, which all handles see
+    bool counting_ = false;     // drops from before run() do not count
+    uint32_t kernel_drops_ = 0; // as libpcap counts, modulo 2^32
+    uint32_t interface_drops_ = 0;
 };
 
 } // namespace probe

@@ -15,9 +15,15 @@ uint64_t sum(const std::vector<const Group *> &groups, counter_t Group::*member)
 
 } // namespace
 
-std::string counters_text(const std::vector<const reader_counters_t *> &readers,
-                          const std::vector<const queue_counters_t *> &queues)
+totals_t totals(const counter_groups_t &groups)
 {
+    return {sum(groups.readers, &reader_counters_t::read),
+            sum(groups.readers, &reader_counters_t::kernel_dropped)};
+}
+
+std::string counters_text(const counter_groups_t &groups)
+{
+    const auto &[readers, queues] = groups;
     std::string text = "counters:";
     const auto add = [&text](const std::string &name, uint64_t value) {
         text += " " + name + "=" + std::to_string(value);
@@ -34,6 +40,7 @@ std::string counters_text(const std::vector<const reader_counters_t *> &readers,
     add("flows_active", sum(queues, &queue_counters_t::flows_active));
     add("flows_evicted", sum(queues, &queue_counters_t::flows_evicted));
     add("kernel_dropped", sum(readers, &reader_counters_t::kernel_dropped));
+    add("interface_dropped", readers.front()->interface_dropped.get());
     return text;
 }
 

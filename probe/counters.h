@@ -19,14 +19,15 @@ private:
     std::atomic<uint64_t> value_ = 0;
 };
 
-// Of a thread that reads packets. read = handed on (all queues) + not_ip + truncated, once all is handed
-// over.
+// Of a thread that reads packets. read = handed on (all queues) + not_ip + truncated,
+// once all packets are handed over.
 struct alignas(64) reader_counters_t {
     counter_t read;
     counter_t not_ip;
     counter_t truncated; // captured bytes end before the addresses
-    counter_t clamped;   // handed on with the first 65535 bytes, the most that a packet record can hold
+    counter_t clamped;   // handed on with the first 65535 bytes, the limit of a packet record
     counter_t kernel_dropped;
+    counter_t interface_dropped; // by the interface, for all readers; the first one counts
 };
 
 // Of a thread that hands packets on.
@@ -37,8 +38,18 @@ struct alignas(64) queue_counters_t {
     counter_t flows_evicted; // ended because the table was full
 };
 
+struct counter_groups_t {
+    std::vector<const reader_counters_t *> readers; // borrowed; at least one. On an interface one per queue
+    std::vector<const queue_counters_t *> queues;   // borrowed
+};
+
+struct totals_t {
+    uint64_t read;
+    uint64_t kernel_dropped;
+};
+totals_t totals(const counter_groups_t &groups);
+
 // One line: "counters: read=7451 handed_on=7451 handed_on_0=7451 not_ip=0 ...".
-std::string counters_text(const std::vector<const reader_counters_t *> &readers,
-                          const std::vector<const queue_counters_t *> &queues);
+std::string counters_text(const counter_groups_t &groups);
 
 } // namespace probe

@@ -1,5 +1,5 @@
-// Hands the packets of one reading thread to several queue threads, in batches so that a packet costs a copy
-// and no lock. A lane (one per queue) owns a fixed number of batches, which go round:
+// Hands the packets of one reading thread to several queue threads, in batches, so that a packet costs a copy
+// and no lock. A lane (one per queue) owns a fixed number of batches, which circulate:
 //
 //   free batches --> reader fills one --> full batches, oldest first --> queue thread --> free batches
 //
@@ -20,7 +20,7 @@
 
 namespace probe {
 
-// Packets on their way, with their bytes.
+// Packets in transit, with their bytes.
 class batch_t {
 public:
     batch_t();
@@ -53,7 +53,7 @@ public:
     // Reader: no batch follows.
     void finish();
     // Queue thread: hand every packet to the sink until the reader has finished and nothing is left. When the
-    // sink throws, the rest is thrown away, so that the reader never waits in vain, and the exception leaves.
+    // sink throws, discard the rest, so that the reader never waits in vain, and rethrow.
     void run(packet_sink_t *sink);
 
 private:

@@ -1,4 +1,4 @@
-// What ends a run with status 1: its text is the one line that the user sees.
+// Ends a run with status 1. Its text is the one line that the user sees.
 #pragma once
 
 #include <stdexcept>

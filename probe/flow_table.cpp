@@ -5,7 +5,7 @@
 namespace probe {
 namespace {
 
-// Idle flows that one look-up removes at most: more than one, so that they cannot pile up.
+// How many idle flows one look-up removes at most: more than one, so that they cannot accumulate.
 constexpr int EXPIRE_AT_ONCE = 2;
 
 uint64_t random_seed()

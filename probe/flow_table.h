@@ -1,7 +1,7 @@
-// The flows of one queue: how many packets each has had. A flow ends when it was idle or active for too long
-// (its next packet then begins a new one), or when the table is full and it is the one idle for longest.
+// The flows of one queue, with their packet counts. A flow ends when it was idle or active for too long (its
+// next packet begins a new one), or when the table is full and it has been idle for longest.
 //
-// Time is the packets' own. A timestamp older than the flow's newest ends nothing.
+// Time is taken from the packets. A timestamp older than the flow's newest ends nothing.
 //
 // Threads: one table belongs to one queue's thread. Memory grows with the flows, up to the limit.
 #pragma once
@@ -25,8 +25,8 @@ class flow_table_t {
 public:
     explicit flow_table_t(const flow_limits_t &limits);
 
-    // The flow of a packet, a new one when there is none. Its counter holds the packets before this one: the
-    // caller adds the packet once it is handed on. Valid until the next call. Throws std::bad_alloc.
+    // The flow of a packet, created if necessary. Its counter holds the packets before this one; the caller
+    // adds the packet once it is handed on. Valid until the next call. Throws std::bad_alloc.
     host_flow_t &find(const flow_key_t &key, uint64_t timestamp_ns);
 
     uint64_t begun() const { return begun_; }     // flows since the start
@@ -46,7 +46,7 @@ private:
     };
 
     struct hash_t {
-        uint64_t seed; // random: nobody outside can choose flows that meet in one bucket
+        uint64_t seed; // random, so that no sender can choose flows that share a bucket
         size_t operator()(const flow_key_t &key) const { return flow_hash(key, seed); }
     };
 

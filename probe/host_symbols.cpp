@@ -1,5 +1,6 @@
 // What the program provides to the plugin, under the names that host-symbols.list exports.
 #include "common/host_interface.h"
+#include "probe/history_size.h"
 #include "probe/log.h"
 #include "probe/params.h"
 
@@ -23,11 +24,12 @@ int config_set_values(const char *params, config_option_t *options)
     static probe::params_parser_t parser;
     try {
         std::string error;
-        if (parser.parse(params != nullptr ? params : "", options, &error)) {
+        const std::string all = probe::with_history_size(params != nullptr ? params : "", options);
+        if (parser.parse(all, options, &error)) {
             return 0;
         }
         probe::log_error("%s", error.c_str());
-    } catch (const std::exception &failure) { // the plugin cannot have exceptions pass through it
+    } catch (const std::exception &failure) { // exceptions must not pass through the plugin
         probe::log_error("parameters: %s", failure.what());
     }
     return -1;

@@ -35,8 +35,8 @@ uint16_t raw_ethertype(const uint8_t *data)
     }
 }
 
-// The address family is a 32-bit number in the byte order of the writing machine (NULL) or in network order
-// (LOOP), and AF_INET6 differs between systems.
+// The address family is a 32-bit number in the byte order of the capturing machine (NULL) or in network order
+// (LOOP). AF_INET6 differs between systems.
 uint16_t loopback_ethertype(const uint8_t *data)
 {
     uint32_t family = static_cast<uint32_t>(be16(data)) << 16 | be16(data + 2);
@@ -56,7 +56,7 @@ uint16_t loopback_ethertype(const uint8_t *data)
     }
 }
 
-// The protocol field is an EtherType, save for devices of these kinds.
+// The protocol field is an EtherType, except for these kinds of devices.
 uint16_t cooked_ethertype(uint16_t protocol, uint16_t arphrd)
 {
     constexpr uint16_t FRAD = 770;

@@ -14,10 +14,12 @@
 namespace probe {
 namespace {
 
-// Severities of syslog, which the journal reads in front of a line.
+// Syslog severities, which the journal reads at the start of a line.
 enum : int { PRIORITY_ERROR = 3, PRIORITY_WARNING = 4, PRIORITY_INFO = 6, PRIORITY_DEBUG = 7 };
 
 constexpr int LEVEL_DEBUG = 4; // and above
+
+thread_local plugin_errors_t *kept_errors = nullptr;
 
 // JOURNAL_STREAM names device and inode of the stream that the journal reads.
 bool journal_reads_stderr()
@@ -54,7 +56,7 @@ std::string head(int priority, const char *level)
     return time_text() + level + " ";
 }
 
-// A line stays one line, whatever names it quotes.
+// Keeps a line one line, whatever names it quotes.
 void replace_control_characters(std::string *text)
 {
     std::replace_if(
@@ -71,7 +73,7 @@ __attribute__((format(printf, 3, 0))) void write_line(int priority, const char *
     std::string text = buffer;
     replace_control_characters(&text);
     const std::string line = head(priority, level) + text + "\n";
-    // Nothing can be done about a log that cannot be written.
+    // A log that cannot be written cannot report it.
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
     errno = saved_errno;
 }
@@ -80,6 +82,21 @@ __attribute__((format(printf, 2, 0))) void write_info(int level, const char *for
 {
     const std::string name = "INFO(" + std::to_string(level) + ")";
     write_line(level >= LEVEL_DEBUG ? PRIORITY_DEBUG : PRIORITY_INFO, name.c_str(), format, arguments);
+}
+
+__attribute__((format(printf, 1, 0))) void keep_error(const char *format, va_list arguments)
+{
+    if (kept_errors == nullptr) {
+        return;
+    }
+    const int saved_errno = errno;
+    va_list copy;
+    va_copy(copy, arguments);
+    char buffer[512];
+    std::vsnprintf(buffer, sizeof buffer, format, copy);
+    va_end(copy);
+    kept_errors->text.append(buffer).append("\n");
+    errno = saved_errno;
 }
 
 } // namespace
@@ -114,10 +131,21 @@ void log_info(int level, const char *format, ...)
 void log_plugin(int level, const char *format, va_list arguments)
 {
     if (level < 0) {
+        keep_error(format, arguments);
         write_line(PRIORITY_ERROR, "ERROR", format, arguments);
     } else {
         write_info(level, format, arguments);
     }
+}
+
+plugin_errors_t::plugin_errors_t()
+{
+    kept_errors = this;
+}
+
+plugin_errors_t::~plugin_errors_t()
+{
+    kept_errors = nullptr;
 }
 
 } // namespace probe

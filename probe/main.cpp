@@ -27,8 +27,7 @@ int main(int argc, char **argv)
             return *status;
         }
         verbose_level = options.verbosity;
-        // What the plugin prints on standard output is to be seen as it happens, in a file or the journal,
-        // too.
+        // Shows what the plugin prints on standard output at once, in a file or the journal too.
         std::setvbuf(stdout, nullptr, _IOLBF, 0);
         if (options.plugin_info) {
             print_plugin_info(options.plugin_path);

@@ -1,4 +1,4 @@
-// The command line.
+// The command line and the configuration files.
 #pragma once
 
 #include "probe/capture_file.h"
@@ -20,14 +20,16 @@ struct options_t {
     bool stay = false;  // after the last packet, until stopped
     double delay_s = 0; // before the first packet
     std::string plugin_path;
-    std::string plugin_params;
-    bool plugin_info = false; // print the plugin's description only
+    std::string plugin_params;     // with the history's size
+    std::optional<uint32_t> heavy; // the plugin's threshold; none: its own
+    std::string metrics_address;   // empty: no metrics
+    bool plugin_info = false;      // print the plugin's description only
     int32_t verbosity = 0;
     flow_limits_t flows;
 };
 
-// Read the command line. An exit status when the program has nothing more to do: help was printed on standard
-// output, or a usage error, one line, on standard error.
+// Read the command line and the configuration files that it names. Returns an exit status when the program
+// has nothing more to do: help is on standard output, or one line about a usage error on standard error.
 std::optional<int> parse_options(int argc, const char *const *argv, options_t *options);
 
 } // namespace probe

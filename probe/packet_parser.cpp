@@ -37,7 +37,7 @@ enum : uint8_t {
     PROTOCOL_SHIM6 = 140
 };
 
-// The bytes that are left to read.
+// The bytes still to read.
 struct cursor_t {
     const uint8_t *at;
     size_t size;
@@ -50,7 +50,7 @@ struct cursor_t {
         size -= bytes;
     }
 
-    // Bytes behind the first `bytes` belong to nothing that is parsed (Ethernet padding).
+    // Bytes after the first `bytes` are not parsed (Ethernet padding).
     void limit(size_t bytes) { size = bytes < size ? bytes : size; }
 };
 
@@ -69,7 +69,7 @@ struct endpoint_t {
     auto operator<=>(const endpoint_t &) const = default;
 };
 
-// What stands behind the addresses, as far as the captured bytes tell.
+// The transport fields, as far as the captured bytes reach.
 struct transport_t {
     uint16_t src_port = 0;
     uint16_t dst_port = 0;
@@ -116,7 +116,7 @@ flow_key_t make_key(const address_t &src, const address_t &dst, const transport_
     return {{first.address.low, first.address.high, second.address.low, second.address.high, last}};
 }
 
-// Queries that carry an identifier, which their answers repeat.
+// Queries with an identifier that their answers repeat.
 bool icmp_has_identifier(uint8_t protocol, uint8_t type)
 {
     if (protocol == PROTOCOL_ICMPV6) {
@@ -125,7 +125,7 @@ bool icmp_has_identifier(uint8_t protocol, uint8_t type)
     return type == 0 || type == 8 || (type >= 13 && type <= 18); // echo, timestamp, information, mask
 }
 
-// ICMP has no ports: the identifier of a query and its answer, else type and code, stand on both sides.
+// ICMP has no ports. Both sides get the identifier of a query and its answer, or else type and code.
 void read_icmp(cursor_t cursor, transport_t *transport)
 {
     if (cursor.size < 2) {
@@ -160,7 +160,7 @@ void read_ports(cursor_t cursor, transport_t *transport)
     }
 }
 
-// Size of the extension header that begins at the cursor, or 0 when `protocol` is none.
+// Size of the extension header at the cursor, or 0 when `protocol` is none.
 size_t extension_size(uint8_t protocol, const cursor_t &cursor)
 {
     switch (protocol) {
@@ -180,7 +180,7 @@ size_t extension_size(uint8_t protocol, const cursor_t &cursor)
     }
 }
 
-// Walk the extension headers from the first one on; `transport->protocol` holds its number.
+// Walk the extension headers from the first on; `transport->protocol` holds its number.
 void read_behind_ipv6(cursor_t cursor, transport_t *transport)
 {
     while (cursor.size >= 8) {
@@ -190,7 +190,7 @@ void read_behind_ipv6(cursor_t cursor, transport_t *transport)
         }
         const bool is_fragment = transport->protocol == PROTOCOL_FRAGMENT;
         transport->protocol = cursor.at[0];
-        // Offset and the more-fragments flag; both zero in a packet that was not divided.
+        // Offset and the more-fragments flag; both are zero in an unfragmented packet.
         transport->fragment = is_fragment && (cursor.be16(2) & 0xFFF9) != 0;
         if (transport->fragment || size > cursor.size) {
             return;
@@ -206,7 +206,7 @@ void read_behind_ipv4(cursor_t cursor, transport_t *transport)
     const size_t total_size = cursor.be16(2);
     transport->protocol = cursor.at[9];
     transport->fragment = (cursor.be16(6) & 0x3FFF) != 0; // offset and the more-fragments flag
-    if (total_size != 0) {                                // 0: left to the network card to fill in
+    if (total_size != 0) {                                // 0: the network card fills it in
         cursor.limit(total_size);
     }
     if (!transport->fragment && cursor.size > header_size) {
@@ -250,7 +250,7 @@ verdict_t parse_ipv6(cursor_t cursor, uint64_t timestamp_ns, parsed_packet_t *ou
     transport_t transport;
     transport.protocol = cursor.at[6];
     cursor.skip(IPV6_HEADER_SIZE);
-    if (payload_size != 0) { // 0: a jumbogram, or left to the network card to fill in
+    if (payload_size != 0) { // 0: a jumbogram, or the network card fills it in
         cursor.limit(payload_size);
     }
     read_behind_ipv6(cursor, &transport);

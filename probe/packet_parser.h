@@ -1,10 +1,10 @@
-// Reads the headers of one Ethernet frame: what the plugin is told of a packet (host_header_t) and the key of
-// its flow. Every length is checked against the captured bytes; nothing behind them is read.
+// Reads the headers of one Ethernet frame: what the plugin gets of a packet (host_header_t) and the key of
+// its flow. Every length is checked against the captured bytes; nothing beyond them is read.
 //
 //   Ethernet | any stack of 802.1Q / 802.1ad tags | IPv4 or IPv6 with extension headers | transport ports
 //
-// A packet is handed on as soon as its addresses are known: when the captured bytes end behind them, the flow
-// key does without ports. Sources: IEEE 802.1Q, RFC 791, RFC 8200, RFC 4302 (AH), RFC 792, RFC 4443.
+// A packet is handed on as soon as its addresses are known. When the captured bytes end there, the flow key
+// has no ports. Sources: IEEE 802.1Q, RFC 791, RFC 8200, RFC 4302 (AH), RFC 792, RFC 4443.
 //
 // Threads: plain functions without state.
 #pragma once
@@ -22,11 +22,10 @@ enum class verdict_t : uint8_t {
     TRUNCATED // the captured bytes end before the addresses do
 };
 
-// A flow in both directions: the endpoint with the lower address (then port) stands first. All fragments of
-// one protocol between two addresses are one flow without ports, since only the first of them carries any.
-//   words 0-1, 2-3   the two addresses as numbers, least significant word first; IPv4 in word 0 and 2 alone
-//   word 4           ports (2 * 16 bits, in the order of the addresses) | protocol (8) | version (8) |
-//   fragment
+// A flow in both directions: the endpoint with the lower address (then port) comes first. All fragments of
+// one protocol between two addresses form one flow without ports, since only the first of them carries any.
+//   words 0-1, 2-3   the two addresses as numbers, least significant word first; IPv4 in words 0 and 2 only
+//   word 4           ports (2 * 16 bits, ordered like the addresses), protocol (8), version (8), fragment
 struct flow_key_t {
     uint64_t words[5];
 
@@ -42,7 +41,7 @@ struct parsed_packet_t {
 [[nodiscard]] verdict_t parse_packet(const uint8_t *data, size_t size, uint64_t timestamp_ns,
                                      parsed_packet_t *out);
 
-// A hash of all 64 bits; another seed, another hash.
+// A 64-bit hash; each seed gives another hash.
 inline uint64_t flow_hash(const flow_key_t &key, uint64_t seed)
 {
     __extension__ typedef unsigned __int128 wide_t;
@@ -56,7 +55,7 @@ inline uint64_t flow_hash(const flow_key_t &key, uint64_t seed)
     return mix(first ^ key.words[4], second ^ 0xE7037ED1A0B428DBU);
 }
 
-// The queue, below `queue_count`, to which every packet of the flow goes; the same in every run.
+// The queue, below `queue_count`, that gets every packet of the flow; the same in every run.
 inline uint32_t flow_queue(const flow_key_t &key, uint32_t queue_count)
 {
     return static_cast<uint32_t>(((flow_hash(key, 0) >> 32) * queue_count) >> 32);

@@ -1,4 +1,4 @@
-// One queue: the table of its flows and the plugin's instance to which its packets are handed.
+// One queue: its flow table and the plugin instance that gets its packets.
 //
 // Threads: one, the queue's own; the counters may be read by others.
 #pragma once
@@ -17,8 +17,8 @@ public:
     {
     }
 
-    // Hand one packet to the plugin. The flow's counter that it sees holds the packets of the flow before
-    // this one, so that a threshold of N lets exactly the first N packets of a flow pass.
+    // Hand one packet to the plugin. The flow's counter holds the packets before this one, so a threshold of
+    // N passes exactly the first N packets of a flow.
     void take(const parsed_packet_t &packet, const uint8_t *data, uint16_t length) override
     {
         host_flow_t &flow = flows_.find(packet.key, packet.header.timestamp);

@@ -1,5 +1,5 @@
-// The road of a packet inside the probe: a reader turns captured bytes into parsed Ethernet packets, a sink
-// takes them.
+// A packet's path inside the probe: a reader turns captured bytes into parsed
+// Ethernet packets, a sink takes them.
 #pragma once
 
 #include "probe/counters.h"
@@ -18,9 +18,9 @@ public:
     packet_sink_t &operator=(const packet_sink_t &) = delete;
     virtual ~packet_sink_t() = default;
 
-    // Take one IP packet. What the arguments point to is the caller's again after the call.
+    // Take one IP packet. The arguments are valid during the call only.
     virtual void take(const parsed_packet_t &packet, const uint8_t *data, uint16_t length) = 0;
-    // The reader pauses: let everything taken so far be handed on.
+    // The reader pauses: hand on everything taken so far.
     virtual void flush() {}
 };
 

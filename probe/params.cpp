@@ -16,14 +16,16 @@ struct assignment_t {
     int32_t number; // of a CONFIG_INT option
 };
 
-const config_option_t *find_option(const config_option_t *options, const std::string &name)
+std::vector<std::string> items_of(const std::string &params)
 {
-    for (const config_option_t *option = options; option->kind != CONFIG_END; option++) {
-        if (name == option->name) {
-            return option;
-        }
+    std::vector<std::string> items;
+    size_t begin = params.find_first_not_of(SEPARATORS);
+    while (begin != std::string::npos) {
+        const size_t end = std::min(params.find_first_of(SEPARATORS, begin), params.size());
+        items.push_back(params.substr(begin, end - begin));
+        begin = params.find_first_not_of(SEPARATORS, end);
     }
-    return nullptr;
+    return items;
 }
 
 bool read_number(const std::string &text, int32_t *number, std::string *why)
@@ -59,13 +61,20 @@ bool read_item(const std::string &item, const config_option_t *options, assignme
 
 } // namespace
 
+const config_option_t *find_option(const config_option_t *options, const std::string &name)
+{
+    for (const config_option_t *option = options; option->kind != CONFIG_END; option++) {
+        if (name == option->name) {
+            return option;
+        }
+    }
+    return nullptr;
+}
+
 bool params_parser_t::parse(const std::string &params, const config_option_t *options, std::string *error)
 {
     std::vector<assignment_t> assignments;
-    size_t begin = params.find_first_not_of(SEPARATORS);
-    while (begin != std::string::npos) {
-        const size_t end = std::min(params.find_first_of(SEPARATORS, begin), params.size());
-        const std::string item = params.substr(begin, end - begin);
+    for (const std::string &item : items_of(params)) {
         assignment_t assignment = {};
         std::string why;
         if (!read_item(item, options, &assignment, &why)) {
@@ -73,7 +82,6 @@ bool params_parser_t::parse(const std::string &params, const config_option_t *op
             return false;
         }
         assignments.push_back(assignment);
-        begin = params.find_first_not_of(SEPARATORS, end);
     }
     for (const assignment_t &assignment : assignments) {
         if (assignment.option->kind == CONFIG_INT) {
@@ -83,6 +91,15 @@ bool params_parser_t::parse(const std::string &params, const config_option_t *op
         }
     }
     return true;
+}
+
+std::optional<std::string> find_parameter(const std::string &params, const std::string &key)
+{
+    std::optional<std::string> value;
+    for (const std::string &item : items_of(params)) {
+        value = item.starts_with(key + "=") ? item.substr(key.size() + 1) : value;
+    }
+    return value;
 }
 
 char *params_parser_t::keep(const std::string &value)

@@ -12,7 +12,7 @@
 namespace probe {
 namespace {
 
-// A named pipe is opened without waiting for its writer; the first read waits for it.
+// Opens a named pipe without waiting for its writer; the first read waits.
 int open_pipe(const std::string &path)
 {
     const int fd = path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)

@@ -1,5 +1,5 @@
-// Input whose data may be long in coming: standard input and pipes. A reader that has to wait lets everything
-// read so far be handed on first, and a stop ends its waiting.
+// Input whose data may be slow: standard input and pipes. A reader that has to wait first hands on everything
+// read so far, and a stop ends its wait.
 //
 // Threads: one.
 #pragma once
@@ -15,7 +15,7 @@
 
 namespace probe {
 
-// "-", or anything that is not a regular file. What cannot be looked up is none.
+// "-", or anything that is not a regular file. False for a path that cannot be examined.
 bool is_pipe(const std::string &path);
 
 class pipe_input_t {
@@ -26,10 +26,10 @@ public:
     pipe_input_t(const pipe_input_t &) = delete;
     pipe_input_t &operator=(const pipe_input_t &) = delete;
 
-    // The data as a stream, which ends early when a stop is requested. The caller closes it, before this
-    // object ends. Throws error_t.
+    // The data as a stream, which ends early when a stop is requested. The caller closes it
+    // before this object ends. Throws error_t.
     FILE *stream();
-    // Throw what the sink threw while the stream was read; C code lies between.
+    // Rethrow what the sink threw while the stream was read; C code lies between.
     void rethrow() const;
 
 private:

@@ -2,7 +2,10 @@
 
 #include "probe/error.h"
 #include "probe/log.h"
+#include "probe/params.h"
 
+#include <cerrno>
+#include <cstring>
 #include <dlfcn.h>
 #include <filesystem>
 #include <system_error>
@@ -11,13 +14,39 @@ namespace probe {
 namespace {
 
 constexpr int32_t INTERFACE_VERSION = 4;
-constexpr int32_t PROCESS_PLUGIN = 4; // the host's number for plugins that are handed packets
-constexpr const char *INSTALLED_PLUGIN = "/usr/lib/kestrune/kestrune.so";
+constexpr int32_t PROCESS_PLUGIN = 4;         // the host's number for packet plugins
+constexpr const char *DEFAULT_PORT = "37564"; // of the plugin kestrune
+constexpr const char *INSTALLED_PLUGIN = KESTRUNE_PLUGIN_DIR "/kestrune.so";
 
 std::string loader_error()
 {
     const char *text = dlerror();
     return text != nullptr ? text : "unknown error of the loader";
+}
+
+// What to change, judged by the errors that the plugin logged.
+std::string start_advice(const std::string &errors, const std::string &params)
+{
+    const auto logged = [&errors](const char *text) { return errors.find(text) != std::string::npos; };
+    const std::string port = find_parameter(params, "port").value_or(DEFAULT_PORT);
+    const std::string path = find_parameter(params, "export_path").value_or("");
+    if (logged("bind failed") && logged(std::strerror(EADDRINUSE))) {
+        return ": port " + port +
+               " is taken; give this probe a port of its own with -P port=N (params = port=N)";
+    }
+    if (logged("bind failed") || logged("Failed to process address")) {
+        return ": port " + port + " cannot be used; set another with -P port=N (params = port=N)";
+    }
+    if (logged("Failed to parse input")) {
+        return ": one of its parameters is wrong; change it in -P (params =)";
+    }
+    if (logged("Failed to create history buffer")) {
+        return ": there is not enough memory for its history; set less with --history SIZE";
+    }
+    if (logged("export")) {
+        return ": cannot use the directory " + path + "; set another with -P export_path=DIRECTORY";
+    }
+    return "";
 }
 
 } // namespace
@@ -34,7 +63,7 @@ Pointer plugin_module_t::symbol(const char *name) const
 
 plugin_module_t::plugin_module_t(const std::string &path) : path_(path)
 {
-    // A bare name is a file here, as on every command line, before it is one of the loader's folders.
+    // A bare name means a file first, as on every command line, then a file in the loader's folders.
     std::error_code error;
     const std::string file = std::filesystem::exists(path, error) ? "./" + path : path;
     library_ = dlopen(path.starts_with("/") ? path.c_str() : file.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -72,12 +101,23 @@ plugin_module_t::~plugin_module_t()
     dlclose(library_);
 }
 
+void plugin_module_t::set_heavy(uint32_t packets) const
+{
+    void *threshold = dlsym(library_, "hc_heavy_size");
+    if (threshold == nullptr) {
+        throw error_t(path_ + " has no threshold of heavy flows: leave --heavy out");
+    }
+    __atomic_store_n(static_cast<uint32_t *>(threshold), packets, __ATOMIC_RELAXED);
+}
+
 void plugin_module_t::start(const std::string &params, uint32_t queue_count)
 {
-    // The second and third argument are the host's own; no plugin reads them.
+    // The second and third argument belong to the host; no plugin reads them.
+    const plugin_errors_t errors;
     private_ = init_(params.c_str(), nullptr, nullptr, static_cast<int32_t>(queue_count));
     if (private_ == nullptr) {
-        throw error_t("plugin " + std::string(description_->name) + " did not start");
+        throw error_t("plugin " + std::string(description_->name) + " did not start" +
+                      start_advice(errors.text, params));
     }
 }
 

@@ -1,8 +1,8 @@
 // A process plugin: the shared object and its entry points, in the order in which the host calls them:
 // description, start, one instance per queue, updates, shutdown, unload.
 //
-// Threads: the main thread, save for the function of update(), which every queue's thread calls with its own
-// instance.
+// Threads: the main thread, except for the function of update(), which every queue's
+// thread calls with its own instance.
 #pragma once
 
 #include "common/host_interface.h"
@@ -17,7 +17,7 @@ using update_function_t = void (*)(void *instance, const host_flow_t *flow, cons
 class plugin_module_t {
 public:
     // Load the shared object and read its description. Throws error_t when it cannot be loaded, lacks an
-    // entry point, or is made for another version or kind of the interface.
+    // entry point, or is for another version or kind of the interface.
     explicit plugin_module_t(const std::string &path);
     // Stops the plugin if it runs, and unloads it.
     ~plugin_module_t();
@@ -25,7 +25,9 @@ public:
     plugin_module_t &operator=(const plugin_module_t &) = delete;
 
     const plugin_desc_t &description() const { return *description_; }
-    // Start the plugin. Throws error_t when it refuses (it has said why in the log).
+    // Set the plugin's threshold of heavy flows. Throws error_t when it has none.
+    void set_heavy(uint32_t packets) const;
+    // Start the plugin. Throws error_t when it refuses; the text says what to change.
     void start(const std::string &params, uint32_t queue_count);
     // The plugin's data of one queue, owned by the plugin.
     void *instance(uint32_t queue) const;
@@ -48,7 +50,7 @@ private:
     update_function_t update_ = nullptr;
 };
 
-// kestrune.so beside this program, or else in the place where it is installed.
+// kestrune.so beside this program, or else at its installed path.
 std::string default_plugin_path();
 
 } // namespace probe

@@ -6,9 +6,9 @@
 namespace probe {
 namespace {
 
-constexpr uint64_t GAP_NS = 1000; // between a file that was moved on and what stands before it
+constexpr uint64_t GAP_NS = 1000; // between a shifted file and the packet before it
 
-// The part of `base + distance` that a packet from before the file's first one (an unsorted file) may lack.
+// `base + distance`, at least 0: a packet may be older than the file's first one (an unsorted file).
 uint64_t add_distance(uint64_t base, double distance)
 {
     constexpr double LIMIT = 9.2e18;
@@ -41,7 +41,7 @@ void replay_clock_t::begin_file(uint64_t recorded_ns)
     }
 }
 
-// `base_ns` moved by the packet's distance from the file's first one at the replay's speed.
+// `base_ns` plus the packet's distance from the file's first one, at the replay's speed.
 uint64_t replay_clock_t::scaled(uint64_t recorded_ns, uint64_t base_ns) const
 {
     if (mode_.speed == 1 && recorded_ns >= file_first_ns_) { // exact to the nanosecond

@@ -1,15 +1,13 @@
 // When a packet of a capture file is handed on, and which timestamp it carries then.
 //
-//   plain     the recorded timestamps, as they are
-//   looped    the first pass as recorded; each later file is moved on when it would not begin after
-//   everything
-//             before it, so that timestamps keep rising from pass to pass
+//   plain     the recorded timestamps, unchanged
+//   looped    the first pass as recorded; a later file is shifted if it would begin before something already
+//             replayed, so that timestamps keep rising from pass to pass
 //   rebased   the time of the replay: the first packet of a file carries the present time, the others follow
-//   at
-//             the recorded distance divided by the speed; at speed 0 each carries the time of its hand-over
+//             at the recorded distance divided by the speed; at speed 0 each carries its hand-over time
 //
 // The pace is kept per file: its first packet is due at once, the others at the recorded distance divided by
-// the speed. A file is its own scale: what lies between the times of two files is not waited for.
+// the speed. The time between two files is not waited for.
 //
 // Threads: one.
 #pragma once

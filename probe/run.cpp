@@ -1,13 +1,18 @@
 #include "probe/run.h"
 
+#include "common/clock.h"
 #include "probe/distributor.h"
 #include "probe/error.h"
 #include "probe/log.h"
+#include "probe/metrics.h"
+#include "probe/offload.h"
 #include "probe/packet_queue.h"
 #include "probe/pipe_input.h"
 #include "probe/plugin_module.h"
+#include "probe/service.h"
 #include "probe/signals.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <functional>
@@ -25,7 +30,7 @@ public:
     explicit workers_t(stop_event_t *stop) : stop_(stop) {}
     ~workers_t()
     {
-        if (!threads_.empty()) { // the run is left by an exception
+        if (!threads_.empty()) { // an exception ends the run
             stop_->request();
             join();
         }
@@ -85,32 +90,32 @@ public:
 
     void run()
     {
+        check_surroundings();
         open_sources();
         plugin_module_t plugin(options_.plugin_path);
         plugin_ = &plugin;
         log_info(1, "plugin %s of %s, %u queues", plugin.description().name, options_.plugin_path.c_str(),
                  options_.queue_count);
+        if (options_.heavy) {
+            plugin.set_heavy(*options_.heavy);
+        }
         plugin.start(options_.plugin_params, options_.queue_count);
         create_queues();
+        start_metrics();
+        service_.ready(status());
         serve(options_.delay_s > 0 ? monotonic_now_ns() + static_cast<uint64_t>(options_.delay_s * 1e9) : 0);
         hand_packets_on();
         if (options_.stay) {
             serve(FOR_EVER_NS);
         }
+        service_.stopping();
+        metrics_.reset();
         plugin.stop();
     }
 
     void print_counters() const
     {
-        std::vector<const reader_counters_t *> readers;
-        for (const auto &counters : reader_counters_) {
-            readers.push_back(counters.get());
-        }
-        std::vector<const queue_counters_t *> queues;
-        for (const auto &queue : queues_) {
-            queues.push_back(&queue->counters());
-        }
-        std::printf("%s\n", counters_text(readers, queues).c_str());
+        std::printf("%s\n", counters_text(groups()).c_str());
         std::fflush(stdout);
     }
 
@@ -119,14 +124,59 @@ public:
 private:
     bool live() const { return options_.replay.files.empty(); }
 
-    // Whatever is wrong with the sources is found before the plugin starts.
+    counter_groups_t groups() const
+    {
+        counter_groups_t groups;
+        for (const auto &counters : reader_counters_) {
+            groups.readers.push_back(counters.get());
+        }
+        for (const auto &queue : queues_) {
+            groups.queues.push_back(&queue->counters());
+        }
+        return groups;
+    }
+
+    std::string status() const
+    {
+        const totals_t counted = totals(groups());
+        return "queues: " + std::to_string(options_.queue_count) +
+               ", packets: " + std::to_string(counted.read) +
+               ", dropped by the kernel: " + std::to_string(counted.kernel_dropped);
+    }
+
+    void check_surroundings() const
+    {
+        if (service_.active() && !addresses_restricted()) {
+            log_warning("the control port is open to other machines: the system does not enforce the unit's "
+                        "IPAddressDeny=any, or the unit allows more; restrict who can reach it");
+        }
+        const std::string command = live() ? command_against_merging(options_.interface.name) : "";
+        if (!command.empty()) {
+            log_warning("%s merges received packets, and captures show them merged; '%s' ends that",
+                        options_.interface.name.c_str(), command.c_str());
+        }
+    }
+
+    void start_metrics()
+    {
+        if (metrics_ != nullptr) {
+            const metrics_source_t source = {options_.interface.name, start_s_, groups()};
+            metrics_->start([source] { return metrics_text(source); });
+        }
+    }
+
+    // Finds errors in the sources before the plugin starts.
     void open_sources()
     {
         if (live()) {
             captures_ = interface_capture_t::open(options_.interface);
+            keep_capabilities_from_children();
+        }
+        if (!options_.metrics_address.empty()) {
+            metrics_ = std::make_unique<metrics_server_t>(options_.metrics_address);
         }
         for (const std::string &path : options_.replay.files) {
-            if (!is_pipe(path)) { // what a pipe gave would be gone
+            if (!is_pipe(path)) { // a pipe's data would be lost
                 const capture_file_t file(path);
             }
         }
@@ -148,7 +198,17 @@ private:
     void serve(uint64_t until_ns)
     {
         while (!stop_.requested() && monotonic_now_ns() < until_ns) {
-            answer(signals_wait(until_ns));
+            wait_and_answer(until_ns);
+        }
+    }
+
+    void wait_and_answer(uint64_t until_ns)
+    {
+        answer(signals_wait(std::min(until_ns, next_alive_ns_)));
+        const uint64_t now = monotonic_now_ns();
+        if (service_.active() && now >= next_alive_ns_) {
+            service_.alive(status());
+            next_alive_ns_ = now + service_.period_ns();
         }
     }
 
@@ -159,6 +219,7 @@ private:
         }
         if (reasons.stop) {
             log_info(1, "stopping");
+            service_.stopping();
             stop_.request();
         }
     }
@@ -175,7 +236,7 @@ private:
             start_replay(&workers);
         }
         while (workers.running()) {
-            answer(signals_wait(FOR_EVER_NS));
+            wait_and_answer(FOR_EVER_NS);
         }
         workers.join();
         workers.rethrow();
@@ -200,7 +261,7 @@ private:
             return;
         }
         distributor_ = std::make_unique<distributor_t>(options_.queue_count);
-        // The queues' threads wait for finish, also when a thread cannot be started.
+        // The queues' threads wait for finish, even if a thread cannot be started.
         try {
             for (uint32_t i = 0; i < options_.queue_count; i++) {
                 workers->start([this, i] { distributor_->lane(i).run(queues_[i].get()); });
@@ -229,12 +290,16 @@ private:
     }
 
     const options_t &options_;
+    service_t service_;
+    uint64_t next_alive_ns_ = service_.active() ? 0 : FOR_EVER_NS;
+    double start_s_ = static_cast<double>(wall_now_ns()) / 1e9;
     plugin_module_t *plugin_; // borrowed, while run() runs
     stop_event_t stop_;
     std::vector<std::unique_ptr<interface_capture_t>> captures_;
     std::vector<std::unique_ptr<reader_counters_t>> reader_counters_;
     std::vector<std::unique_ptr<packet_queue_t>> queues_;
     std::unique_ptr<distributor_t> distributor_;
+    std::unique_ptr<metrics_server_t> metrics_; // reads the counters, so they outlive it
 };
 
 } // namespace

@@ -6,8 +6,8 @@
 
 namespace probe {
 
-// Returns when the packets end (and nobody asked to stay) or a signal stops the run. Throws error_t when a
-// source or the plugin fails; the plugin has been shut down then, too.
+// Returns when the packets end (unless --stay) or a signal stops the run. Throws error_t when a source or the
+// plugin fails; the plugin has then been shut down.
 void run(const options_t &options);
 
 } // namespace probe

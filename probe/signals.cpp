@@ -1,20 +1,17 @@
 #include "probe/signals.h"
 
+#include "common/clock.h"
 #include "probe/error.h"
-#include "probe/stop_event.h"
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <ctime>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 namespace probe {
 namespace {
-
-constexpr uint64_t NS_PER_S = 1'000'000'000;
 
 std::atomic<bool> stop_asked = false;
 std::atomic<bool> counters_asked = false;
@@ -69,7 +66,7 @@ void signals_install()
 void signals_wake() noexcept
 {
     const uint64_t one = 1;
-    // Fails only when the counter is full, and then the main thread wakes anyway.
+    // Fails only when the counter is full; the main thread then wakes anyway.
     [[maybe_unused]] const ssize_t written = write(wake_fd.load(), &one, sizeof one);
 }
 
@@ -77,7 +74,7 @@ wake_reasons_t signals_wait(uint64_t until_monotonic_ns)
 {
     const uint64_t now = monotonic_now_ns();
     const uint64_t left = until_monotonic_ns > now ? until_monotonic_ns - now : 0;
-    const timespec timeout = {static_cast<time_t>(left / NS_PER_S), static_cast<long>(left % NS_PER_S)};
+    const timespec timeout = timespec_of(left);
     pollfd event = {wake_fd.load(), POLLIN, 0};
     ppoll(&event, 1, &timeout, nullptr);
     uint64_t count = 0;

@@ -1,6 +1,6 @@
 // What wakes the main thread: SIGINT and SIGTERM (stop), SIGUSR1 (print counters), and the program's own
-// threads when they end. SIGXFSZ and SIGPIPE have no effect but the error of the call that met them; they are
-// caught rather than ignored, so that the programs that the plugin starts find them as usual.
+// threads when they end. SIGXFSZ and SIGPIPE only make the call fail. They are caught rather than ignored, so
+// that programs that the plugin starts get the default dispositions.
 //
 // Threads: install and wait in the main thread; wake anywhere. All other threads block these signals.
 #pragma once
@@ -16,13 +16,13 @@ struct wake_reasons_t {
     bool stop = false;     // SIGINT or SIGTERM
     bool counters = false; // SIGUSR1
 };
-// Wait until something happens, at most until this time of the monotonic clock. May return without a reason.
+// Wait for an event, at most until this time of the monotonic clock. May return without a reason.
 wake_reasons_t signals_wait(uint64_t until_monotonic_ns);
 
 // Make signals_wait return.
 void signals_wake() noexcept;
 
-// Blocks all signals in the calling thread, hence in the threads that it starts, while it lives.
+// While it exists, blocks all signals in the calling thread and in the threads that it starts.
 class signals_blocked_t {
 public:
     signals_blocked_t();

@@ -1,35 +1,13 @@
 #include "probe/stop_event.h"
 
+#include "common/clock.h"
 #include "probe/error.h"
 
-#include <ctime>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 namespace probe {
-namespace {
-
-constexpr uint64_t NS_PER_S = 1'000'000'000;
-
-uint64_t now_ns(clockid_t clock)
-{
-    timespec now = {};
-    clock_gettime(clock, &now);
-    return static_cast<uint64_t>(now.tv_sec) * NS_PER_S + static_cast<uint64_t>(now.tv_nsec);
-}
-
-} // namespace
-
-uint64_t monotonic_now_ns()
-{
-    return now_ns(CLOCK_MONOTONIC);
-}
-
-uint64_t wall_now_ns()
-{
-    return now_ns(CLOCK_REALTIME);
-}
 
 stop_event_t::stop_event_t() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
@@ -59,7 +37,7 @@ bool stop_event_t::sleep_until(uint64_t monotonic_ns) const
             return true;
         }
         const uint64_t left = monotonic_ns - now;
-        const timespec timeout = {static_cast<time_t>(left / NS_PER_S), static_cast<long>(left % NS_PER_S)};
+        const timespec timeout = timespec_of(left);
         pollfd event = {fd_, POLLIN, 0};
         ppoll(&event, 1, &timeout, nullptr);
     }

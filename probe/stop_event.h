@@ -1,4 +1,4 @@
-// The one event by which every thread of the program learns that it is to stop.
+// The event that tells every thread of the program to stop.
 //
 // Threads: any; request() is also safe in a signal handler.
 #pragma once
@@ -26,8 +26,5 @@ private:
     std::atomic<bool> requested_ = false;
     int fd_;
 };
-
-uint64_t monotonic_now_ns();
-uint64_t wall_now_ns(); // since the Unix epoch
 
 } // namespace probe

@@ -1,22 +1,25 @@
-# What the scripts share: the Debian packages that they need, and installing those that are missing.
-# Sourced by bash; the working directory is the top of the source tree afterwards.
+# Shared by the scripts: the Debian packages that they need, and installing missing ones. Sourced by bash; changes
+# to the top of the source tree.
 # shellcheck shell=bash disable=SC2034
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 
 # To build everything.
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config python3 libgtest-dev libbenchmark-dev libpcap-dev libcli11-dev
-    nlohmann-json3-dev libtsl-hopscotch-map-dev)
+    nlohmann-json3-dev libtsl-hopscotch-map-dev libcpp-httplib-dev)
 # To look into capture files, for scripts/demo.
 CAPTURE_PACKAGES=(tcpdump tshark wireshark-common)
 # The other compiler, the linters, and what the tests use.
-TEST_PACKAGES=(git clang clang-format clang-tidy libclang-rt-14-dev llvm shellcheck binutils tcpreplay iproute2 procps)
+TEST_PACKAGES=(git mandoc clang clang-format clang-tidy libclang-rt-14-dev llvm shellcheck binutils tcpreplay iproute2 ethtool
+    procps)
+# To build the packages, and to look into them.
+PACKAGING_PACKAGES=(dpkg-dev debhelper fakeroot lintian systemd)
 
 say() {
     printf '%s\n' "$*"
 }
 
-# run_as_root COMMAND...: by sudo where this is not root.
+# run_as_root COMMAND...: with sudo unless this is root.
 run_as_root() {
     if [ "$(id -u)" -eq 0 ]; then
         "$@"
@@ -33,7 +36,7 @@ is_installed() {
     [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
 
-# install_missing PACKAGE...: apt is not touched when nothing is missing.
+# install_missing PACKAGE...: does not run apt when nothing is missing.
 install_missing() {
     local missing=() package
     for package in "$@"; do
@@ -45,8 +48,8 @@ install_missing() {
         run_as_root env DEBIAN_FRONTEND=noninteractive apt-get -q -y --no-install-recommends install "${missing[@]}"
 }
 
-# build_preset PRESET [TARGET...]: everything, when no target is named. Goes on after a fault, so that the
-# output names all of them.
+# build_preset PRESET [TARGET...]: everything if no target is named. Continues after an error, so that the output
+# shows all of them.
 build_preset() {
     local preset=$1 target=() name
     shift
@@ -54,4 +57,16 @@ build_preset() {
         target+=(--target "$name")
     done
     cmake --preset "$preset" && cmake --build --preset "$preset" "${target[@]}" -- -k 0
+}
+
+# files PATTERN...: files of the project, also outside a repository.
+files() {
+    if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
+        git ls-files --cached --others --exclude-standard -- "$@"
+    else
+        local pattern
+        for pattern in "$@"; do
+            find . -path ./build -prune -o -type f -path "./$pattern" -print | sed 's,^\./,,'
+        done
+    fi
 }

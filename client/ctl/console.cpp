@@ -1,6 +1,7 @@
 #include "client/ctl/console.h"
 
 #include "client/ctl/interrupt.h"
+#include "client/text_forms.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -27,18 +28,42 @@ bool wants_colour(colour_t colour, FILE *stream)
     return isatty(fileno(stream)) != 0 && !dumb_terminal() && (no_colour == nullptr || *no_colour == '\0');
 }
 
-unsigned terminal_width(FILE *stream)
+struct terminal_size_t {
+    unsigned columns = 80;
+    unsigned rows = 24;
+};
+
+terminal_size_t terminal_size(FILE *stream)
 {
     winsize size = {};
-    const bool known = ioctl(fileno(stream), TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    return known ? size.ws_col : 80U;
+    const bool known = ioctl(fileno(stream), TIOCGWINSZ, &size) == 0 && size.ws_col > 0 && size.ws_row > 0;
+    return known ? terminal_size_t{size.ws_col, size.ws_row} : terminal_size_t();
+}
+
+// As many characters as the terminal has columns, so that no line wraps. Control sequences take no column.
+std::string clipped(const std::string &line, unsigned columns)
+{
+    unsigned used = 0;
+    bool steering = false;
+    std::string text;
+    for (const char c : line) {
+        const bool begins = (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+        steering = steering || c == '\033';
+        used += begins && !steering ? 1 : 0;
+        if (steering || used <= columns) {
+            text += c;
+        }
+        steering = steering && c != 'm';
+    }
+    return text;
 }
 
 } // namespace
 
 console_t::console_t(colour_t colour, bool bars, FILE *bar_stream)
     : colour_out_(wants_colour(colour, stdout)), colour_err_(wants_colour(colour, stderr)),
-      bars_wanted_(bars && isatty(fileno(bar_stream)) != 0 && !dumb_terminal()), bar_stream_(bar_stream)
+      bars_wanted_(bars && isatty(fileno(bar_stream)) != 0 && !dumb_terminal()),
+      screen_(isatty(fileno(stdout)) != 0 && !dumb_terminal()), bar_stream_(bar_stream)
 {
 }
 
@@ -91,12 +116,41 @@ void console_t::print(FILE *stream, const std::string &text)
     const std::lock_guard guard(lock_);
     erase_bars();
     std::fflush(bar_stream_);
-    std::fputs((text + "\n").c_str(), stream);
-    if (std::fflush(stream) != 0 && stream == stdout) {
-        output_good_ = false;
-        raise_interrupt(); // nobody reads what would follow
+    if (stream == stdout) {
+        write_out(text + "\n");
+    } else {
+        std::fputs((text + "\n").c_str(), stream);
+        std::fflush(stream);
     }
     draw_bars();
+}
+
+void console_t::write_out(const std::string &text)
+{
+    std::fputs(text.c_str(), stdout);
+    if (std::fflush(stdout) != 0) {
+        output_good_ = false;
+        raise_interrupt(); // no reader is left
+    }
+}
+
+void console_t::paint_screen(const std::string &text)
+{
+    const terminal_size_t size = terminal_size(stdout);
+    std::string painting = "\033[H";
+    size_t lines = 0;
+    const size_t all = static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+    for (size_t begin = 0; begin < text.size() && lines + 2 <= size.rows; lines++) {
+        const size_t end = std::min(text.find('\n', begin), text.size());
+        const bool last = lines + 2 == size.rows && all > lines + 1;
+        painting += last ? "... and " + std::to_string(all - lines) + " lines more"
+                         : clipped(text.substr(begin, end - begin), size.columns);
+        painting += "\033[K\n";
+        begin = end + 1;
+    }
+    const std::lock_guard guard(lock_);
+    write_out((screen_cleared_ ? "" : "\033[2J") + painting + "\033[J");
+    screen_cleared_ = true;
 }
 
 void console_t::erase_bars()
@@ -108,7 +162,7 @@ void console_t::erase_bars()
 
 void console_t::draw_bars()
 {
-    const unsigned width = bars_.empty() ? 0 : terminal_width(bar_stream_);
+    const unsigned width = bars_.empty() ? 0 : terminal_size(bar_stream_).columns;
     for (const auto &[key, bar] : bars_) {
         std::fputs((bar_text(bar, width) + "\n").c_str(), bar_stream_);
         drawn_++;
@@ -116,7 +170,7 @@ void console_t::draw_bars()
     std::fflush(bar_stream_);
 }
 
-// One line that is narrower than the terminal, so that erasing counts lines rightly.
+// One line that is narrower than the terminal, so that erasing counts lines correctly.
 std::string console_t::bar_text(const bar_t &bar, unsigned width) const
 {
     static constexpr unsigned CELLS = 20;

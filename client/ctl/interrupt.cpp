@@ -1,6 +1,6 @@
 #include "client/ctl/interrupt.h"
 
-#include "client/ctl/options.h"
+#include "client/ctl/exit_status.h"
 #include "client/error.h"
 
 #include <atomic>
@@ -25,7 +25,7 @@ void ask_to_stop()
     asked.store(true);
     const uint64_t one = 1;
     if (write(event_fd.load(), &one, sizeof one) < 0) {
-        return; // full: it is readable then
+        return; // full, so it is readable
     }
 }
 
@@ -57,7 +57,7 @@ void catch_interrupts()
             sigaction(number, &action, nullptr);
         }
     }
-    std::signal(SIGPIPE, SIG_IGN); // a closed output is noticed where it is written
+    std::signal(SIGPIPE, SIG_IGN); // writing notices a closed output
 }
 
 int interrupt_fd()

@@ -1,13 +1,11 @@
 #include "client/ctl/options.h"
 
-#include "protocol/message.h"
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <limits>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -27,16 +25,25 @@ Exit status: 0 done, 1 failed, 2 wrong usage, 3 cannot connect, 4 refused by the
 Examples:
   kestrunectl history on 512M
   kestrunectl add 10.0.0.1 -c 1000 -t 5m --wait
+  grep sshd /var/log/auth.log | kestrunectl add --from - -c 1000
   kestrunectl -s probe1 -s [2001:db8::7]:4000 list
   kestrunectl watch --json | jq .
   kestrunectl merge web_7 web_7_hc_0 web_7_hc_1 -o web_7.pcap)";
 
-constexpr const char *ADD_FOOTER = R"(
-The files appear in the probe's export directory as NAME_ID and, for what the history buffers hold, NAME_ID_hc_QUEUE.
-Adding an address again under the same name counts its limits anew from now.
+// No limit: as many as CLI11 can count.
+constexpr int MANY = CLI::detail::expected_max_vector_size;
 
---wait stays until the rule is finished and prints its files and packet counts. Interrupted, it removes the rule (but
-not one that was there before: that one had its limits renewed only). When --wait-time runs out the rule goes on.)";
+constexpr const char *ADD_FOOTER = R"(
+The files appear in the probe's export directory as NAME_ID and, from the history buffers, NAME_ID_hc_QUEUE. Without -n
+the name is the address and the time, 192.0.2.17-20261123T051203Z; an address that has a rule keeps that rule's name,
+and its limits count from now.
+
+--from finds addresses in lines of any text; '#' begins a comment. Several addresses are sent without waiting for each
+other; each gets a result, and a summary follows. An address that did not get the requested live capture is reported
+(exit status 4).
+
+--wait stays until the rules are finished and prints their files and packet counts. When interrupted, it removes the
+rules that are new; those that existed before stay, with their limits renewed. When --wait-time runs out, all stay.)";
 
 template <typename T>
 struct named_t {
@@ -44,7 +51,7 @@ struct named_t {
     T value;
 };
 
-// An option's value through one of the parsers of text_forms.h.
+// An option whose value one of the parsers of text_forms.h reads.
 template <typename T, typename P>
 CLI::Option *add_parsed(CLI::App *app, const char *names, T *place, P parse, const char *help)
 {
@@ -91,7 +98,7 @@ uint32_t parse_count(const std::string &text, uint32_t least)
     const bool digits =
         !text.empty() && text.size() <= 10 && text.find_first_not_of("0123456789") == std::string::npos;
     const uint64_t value = digits ? std::stoull(text) : 0;
-    if (!digits || value < least || value > 0xFFFFFFFF) {
+    if (!digits || value < least || value > std::numeric_limits<uint32_t>::max()) {
         throw std::invalid_argument("'" + printable(text) + "' is not a number from " +
                                     std::to_string(least) + " to 4294967295");
     }
@@ -155,6 +162,7 @@ public:
         if (options_.command == command_t::ADD) {
             finish_add();
         }
+        finish_addresses();
         return options_;
     }
 
@@ -167,35 +175,48 @@ private:
         return sub;
     }
 
-    void address(CLI::App *sub)
+    CLI::Option *addresses(CLI::App *sub, const char *help, int most)
     {
-        add_parsed(sub, "ADDRESS", &options_.addr, parse_address, "IPv4 or IPv6 address")
-            ->required()
+        const auto take = [this](const std::vector<std::string> &texts) {
+            try {
+                for (const std::string &text : texts) {
+                    options_.addrs.push_back(parse_address(text));
+                }
+            } catch (const std::invalid_argument &error) {
+                throw CLI::ValidationError(error.what());
+            }
+        };
+        return sub->add_option_function<std::vector<std::string>>("ADDRESS", take, help)
+            ->expected(1, most)
             ->type_name("");
     }
 
     void add()
     {
-        CLI::App *sub = command(app_, command_t::ADD, "add", "record the packets of an address");
-        address(sub);
+        CLI::App *sub = command(app_, command_t::ADD, "add", "record the packets of addresses");
+        addresses(sub, "IPv4 or IPv6 addresses", MANY);
+        sub->add_option("-f,--from", options_.from,
+                        "also the addresses found in this text file (-: standard input); may be repeated")
+            ->type_name("FILE")
+            ->allow_extra_args(false);
         add_parsed(sub, "-d,--direction", &options_.direction, parse_direction,
                    "packets with the address as src, dst or both (default)")
             ->type_name("DIRECTION");
         const auto count = [](const std::string &text) { return parse_count(text, 1); };
         CLI::Option *packets = add_parsed(sub, "-c,--packets", &options_.packets, count,
-                                          "end the live capture after so many packets (default 100000)")
+                                          "end the live capture after this many packets (default 100000)")
                                    ->type_name("PACKETS");
         CLI::Option *time = add_parsed(sub, "-t,--time", &options_.time_limit_s, parse_time_limit,
                                        "end the live capture after this time, 90s, 5m, 1h (default 5m)")
                                 ->type_name("TIME");
-        name_ =
-            sub->add_option("-n,--name", options_.name, "the rule's name (default: made from the address)")
-                ->type_name("NAME");
+        name_ = sub->add_option("-n,--name", options_.name,
+                                "the name of the rules (default: made from address and time)")
+                    ->type_name("NAME");
         sub->add_flag("--history-only", options_.history_only,
                       "only what the history buffers hold, no live capture")
             ->excludes(packets)
             ->excludes(time);
-        CLI::Option *wait = sub->add_flag("-w,--wait", options_.wait, "stay until the rule is finished");
+        CLI::Option *wait = sub->add_flag("-w,--wait", options_.wait, "stay until the rules are finished");
         add_parsed(sub, "--wait-time", &options_.wait_time, parse_time, "how long --wait stays at most")
             ->type_name("TIME")
             ->needs(wait);
@@ -204,24 +225,28 @@ private:
 
     void rules()
     {
-        CLI::App *sub = command(app_, command_t::REMOVE, "remove", "end the live capture of an address");
-        address(sub);
+        CLI::App *sub = command(app_, command_t::REMOVE, "remove", "end the live capture of addresses");
+        addresses(sub, "IPv4 or IPv6 addresses", MANY)->required();
         add_parsed(sub, "-d,--direction", &options_.direction, parse_direction,
                    "drop only this side of the rule: src, dst, both (default)")
             ->type_name("DIRECTION");
 
-        sub = command(app_, command_t::LIST, "list", "list the rules, newest first");
+        sub = command(app_, command_t::LIST, "list", "list the rules with their state, newest first");
         CLI::Option *direction = add_parsed(sub, "-d,--direction", &options_.filter, parse_direction,
                                             "only rules of exactly this direction: src, dst, both")
                                      ->type_name("DIRECTION");
+        CLI::Option *brief = sub->add_flag("-b,--brief", options_.brief, "addresses alone, one in a line");
+        sub->add_flag("-W,--watch", options_.repeat, "show the rules again every second until stopped")
+            ->excludes(brief);
         sub->add_flag("--all", all_, "rules of every direction (default)")->excludes(direction);
 
-        address(command(app_, command_t::SHOW, "show", "show how far a running live capture has come"));
+        sub = command(app_, command_t::SHOW, "show", "show how far a running live capture has come");
+        addresses(sub, "IPv4 or IPv6 address", 1)->required();
     }
 
     void history()
     {
-        CLI::App *sub = app_->add_subcommand("history", "the buffers of packets that have passed already");
+        CLI::App *sub = app_->add_subcommand("history", "the buffers of past packets");
         sub->require_subcommand(1);
         sub->fallthrough();
         CLI::App *on = command(sub, command_t::HISTORY_ON, "on", "turn the buffers of all queues on");
@@ -246,13 +271,12 @@ private:
         sub = command(app_, command_t::MERGE, "merge",
                       "merge capture files of this machine into one in the order of time");
         sub->add_option("FILE", options_.inputs,
-                        "files to merge; of packets of one time the first file's come first")
+                        "files to merge; at equal times the first file's packets come first")
             ->required()
             ->type_name("");
         sub->add_option("-o,--output", options_.output, "the merged file")->required()->type_name("OUT");
         sub->add_flag("--force", options_.force, "replace OUT when it exists");
-        sub->add_flag("--cut", options_.cut,
-                      "take files that end in a cut record (from a full disk) up to it");
+        sub->add_flag("--cut", options_.cut, "accept files that end in a cut record (from a full disk)");
     }
 
     void finish_add()
@@ -260,10 +284,26 @@ private:
         if (options_.history_only) {
             options_.packets = options_.time_limit_s = 0;
         }
-        if (name_->count() == 0) {
-            options_.name = default_rule_name(options_.addr);
+        if (name_->count() != 0) {
+            check_rule_name(options_.name);
         }
-        check_rule_name(options_.name);
+        options_.now = std::time(nullptr);
+        if (options_.addrs.empty() && options_.from.empty()) {
+            throw std::invalid_argument("ADDRESS or --from FILE is required");
+        }
+    }
+
+    // The addresses of the command line, each once.
+    void finish_addresses()
+    {
+        std::vector<ip_addr_t> once;
+        for (const ip_addr_t &addr : options_.addrs) {
+            if (std::find(once.begin(), once.end(), addr) == once.end()) {
+                once.push_back(addr);
+            }
+        }
+        options_.addrs = std::move(once);
+        options_.several = options_.addrs.size() > 1 || !options_.from.empty();
     }
 
     CLI::App *app_;
@@ -271,11 +311,11 @@ private:
     std::vector<std::string> servers_;
     std::optional<std::chrono::milliseconds> time_;
     CLI::Option *name_ = nullptr; // owned by app_
-    bool all_ = false;            // says what is so without it
+    bool all_ = false;            // the default, stated
     std::map<const CLI::App *, command_t> commands_;
 };
 
-// CLI11 only says that one is required, also where an unknown one was given.
+// CLI11 reports only that a command is required, even when an unknown one was given.
 std::string usage_text(const CLI::App &app, const CLI::ParseError &error)
 {
     if (dynamic_cast<const CLI::RequiredError *>(&error) == nullptr ||
@@ -290,17 +330,6 @@ std::string usage_text(const CLI::App &app, const CLI::ParseError &error)
     }
     text.pop_back();
     return text;
-}
-
-int print_usage_error(const std::string &text, bool json)
-{
-    if (json) {
-        const nlohmann::ordered_json error = {{"ok", false}, {"status", EXIT_USAGE}, {"error", text}};
-        std::puts(error.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
-    } else {
-        std::fprintf(stderr, "kestrunectl: %s\nSee kestrunectl --help\n", text.c_str());
-    }
-    return EXIT_USAGE;
 }
 
 } // namespace
@@ -322,14 +351,14 @@ command_line_t parse_command_line(int argc, char **argv)
     builder_t builder(&app);
     try {
         app.parse(argc, argv);
-        return {builder.finish(), EXIT_DONE};
+        return {builder.finish(), EXIT_DONE, "", json};
     } catch (const CLI::Success &help) {
         app.exit(help);
-        return {std::nullopt, EXIT_DONE};
+        return {std::nullopt, EXIT_DONE, "", json};
     } catch (const CLI::ParseError &error) {
-        return {std::nullopt, print_usage_error(usage_text(app, error), json)};
+        return {std::nullopt, EXIT_USAGE, usage_text(app, error), json};
     } catch (const std::invalid_argument &error) {
-        return {std::nullopt, print_usage_error(error.what(), json)};
+        return {std::nullopt, EXIT_USAGE, error.what(), json};
     }
 }
 

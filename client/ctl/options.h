@@ -1,26 +1,19 @@
 // The command line of kestrunectl.
 #pragma once
 
+#include "client/ctl/colour.h"
+#include "client/ctl/exit_status.h"
 #include "client/text_forms.h"
+#include "protocol/message.h"
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace kestrune {
-
-// Exit statuses; with several probes the highest of any.
-enum exit_status_t : int {
-    EXIT_DONE = 0,
-    EXIT_FAILED = 1,
-    EXIT_USAGE = 2,
-    EXIT_NO_CONNECTION = 3,
-    EXIT_REFUSED = 4,
-    EXIT_WAIT_TIME_OUT = 124,
-    EXIT_INTERRUPTED = 130
-};
 
 enum class command_t {
     ADD,
@@ -35,8 +28,6 @@ enum class command_t {
     MERGE
 };
 
-enum class colour_t { AUTO, ALWAYS, NEVER };
-
 struct options_t {
     command_t command = command_t::LIST;
     std::vector<endpoint_t> probes;
@@ -45,12 +36,17 @@ struct options_t {
     std::chrono::milliseconds connect_time{5000};
     std::chrono::milliseconds answer_time{10000};
 
-    ip_addr_t addr = {};        // ADD, REMOVE, SHOW
-    uint8_t direction = BOTH;   // ADD, REMOVE
-    uint8_t filter = 3;         // LIST: a direction, or msg_target::ALL
-    uint32_t packets = 100'000; // ADD
+    std::vector<ip_addr_t> addrs;     // ADD, REMOVE, SHOW (one); each once
+    bool several = false;             // ADD, REMOVE: the command line allows several addresses
+    std::vector<std::string> from;    // ADD: files with more addresses, "-": standard input
+    uint8_t direction = BOTH;         // ADD, REMOVE
+    uint8_t filter = msg_target::ALL; // LIST: ALL or a direction
+    bool brief = false;               // LIST
+    bool repeat = false;              // LIST
+    uint32_t packets = 100'000;       // ADD
     uint32_t time_limit_s = 300;
-    std::string name;
+    std::string name;    // empty: made from the address and the time
+    std::time_t now = 0; // the time in that name
     bool history_only = false;
     bool wait = false;
     std::optional<std::chrono::milliseconds> wait_time;
@@ -68,11 +64,13 @@ struct options_t {
 const char *command_name(command_t command);
 
 struct command_line_t {
-    std::optional<options_t> options; // nothing: end with this status
+    std::optional<options_t> options; // empty: end with this status
     int status = EXIT_DONE;
+    std::string error; // of EXIT_USAGE
+    bool json = false; // form of the error
 };
 
-// Reads the command line. Help, and what is wrong with it, are printed here.
+// Reads the command line. Help is printed here.
 command_line_t parse_command_line(int argc, char **argv);
 
 } // namespace kestrune

@@ -1,8 +1,10 @@
-// watch: a line per update, and on a terminal a bar per running rule. Updates name rules by id, and only an
-// INCIDENT tells the address; bars of rules that were there before come from LIST and DETAIL, by address.
-// These are asked on a connection of their own: an update that meets a half-sent long reply is lost, and an
-// INCIDENT's loss ends the registration.
-#include "client/ctl/commands.h"
+// watch: a line per update, and on a terminal a bar per running rule. Updates name rules by id, and
+// only an INCIDENT gives the address. Bars of rules that existed before come from LIST and DETAIL,
+// by address, on a connection of their own: an update during a half-sent long reply is lost, and
+// losing an INCIDENT ends the registration.
+#include "client/ctl/watch.h"
+
+#include "client/ctl/session_options.h"
 
 #include <algorithm>
 #include <ctime>
@@ -17,7 +19,7 @@ namespace {
 using steady_t = std::chrono::steady_clock;
 
 constexpr auto BAR_TIME = std::chrono::seconds(1);
-// Without bars, a request only shows that the probe still answers.
+// Without bars, a request only checks that the probe still answers.
 constexpr auto LIVENESS_TIME = std::chrono::seconds(15);
 constexpr size_t BARS_MAX = 16; // of one probe; terminals are not higher
 
@@ -33,8 +35,10 @@ std::string time_text()
 
 class watcher_t {
 public:
-    watcher_t(session_t *session, const options_t &options, const endpoint_t &endpoint, console_t *console)
-        : session_(*session), options_(options), console_(*console), probe_(endpoint.text())
+    watcher_t(session_t *session, const options_t &options, const endpoint_t &endpoint, console_t *console,
+              printer_t *printer)
+        : session_(*session), options_(options), console_(*console), printer_(*printer),
+          probe_(endpoint.text())
     {
         if (console_.has_bars()) {
             bars_ = std::make_unique<session_t>(endpoint, session_options(options));
@@ -60,20 +64,24 @@ private:
     {
         if (const auto *incident = std::get_if<msg_update_incident_t>(&update)) {
             addresses_[incident->rule_id] = ip_addr_text(incident->addr).text;
-            json_t fields = event("incident", incident->rule_id);
-            print(fields, "created");
+            print(incident->rule_id, update);
         } else if (const auto *capture = std::get_if<msg_update_capture_t>(&update)) {
-            json_t fields = event("capture", capture->rule_id);
-            fields["progress"] = capture->progress;
-            progress_[address(capture->rule_id)] = capture->progress;
-            print(fields, std::to_string(capture->progress) + "%");
+            const std::string addr = address(capture->rule_id);
+            progress_[addr] = capture->progress;
+            const bool seen_in_bar = console_.has_bars() && !addr.empty();
+            if (!seen_in_bar) {
+                print(capture->rule_id, update);
+            }
         } else if (const auto *visual = std::get_if<visual_t>(&update)) {
-            json_t fields = event("visual", visual->rule_id);
-            fields.update(visual_fields(*visual));
-            print(fields, console_.painted(stdout, paint_t::GREEN, "finished") + ": " + files_text(fields));
+            print(visual->rule_id, update);
             progress_.erase(address(visual->rule_id));
             addresses_.erase(visual->rule_id);
         }
+    }
+
+    void print(uint32_t id, const update_t &update)
+    {
+        printer_.print(event_t{probe_, time_text(), address(id), update});
     }
 
     std::string address(uint32_t id) const
@@ -82,35 +90,8 @@ private:
         return found != addresses_.end() ? found->second : "";
     }
 
-    json_t event(const char *kind, uint32_t id) const
-    {
-        const std::string addr = address(id);
-        return {{"probe", probe_},
-                {"time", time_text()},
-                {"event", kind},
-                {"rule", id},
-                {"address", addr.empty() ? json_t(nullptr) : json_t(addr)}};
-    }
-
-    void print(const json_t &fields, const std::string &what)
-    {
-        if (options_.json) {
-            console_.data(json_line(fields));
-            return;
-        }
-        const bool seen_in_bar =
-            console_.has_bars() && fields["event"] == "capture" && !fields["address"].is_null();
-        if (!seen_in_bar) {
-            const std::string probe = options_.probes.size() > 1 ? probe_ + " " : "";
-            const std::string addr =
-                fields["address"].is_null() ? "" : " (" + fields["address"].get<std::string>() + ")";
-            console_.data(fields["time"].get<std::string>() + " " + probe + "rule " + fields["rule"].dump() +
-                          addr + " " + what);
-        }
-    }
-
-    // Throws when the probe does not answer any more. Of an address that no packet has, there is nothing to
-    // tell, and a short "no" is all that is wanted.
+    // Throws when the probe no longer answers. Asks about an address that no packet
+    // has: a short "no" is enough.
     void ask_whether_it_answers()
     {
         try {
@@ -160,7 +141,7 @@ private:
             bar.percent = live_percent(detail);
         } catch (const client_error_t &error) {
             if (error.failure() != failure_t::REFUSED) {
-                throw; // refused: its history is searched, and there are no figures of the live capture
+                throw; // refused: only its history is searched, so there are no live figures
             }
         }
         if (const auto known = progress_.find(addr); known != progress_.end()) {
@@ -169,7 +150,7 @@ private:
         return bar;
     }
 
-    // The share that the plugin's own progress has as well: of packets or of time, whichever is larger.
+    // The share that the plugin reports too: of packets or of time, whichever is larger.
     static unsigned live_percent(const msg_ip_detail_t &detail)
     {
         const auto share = [](uint64_t part, uint64_t whole) {
@@ -185,6 +166,7 @@ private:
     std::unique_ptr<session_t> bars_; // null without bars
     const options_t &options_;
     console_t &console_;
+    printer_t &printer_;
     const std::string probe_;
     std::map<uint32_t, std::string> addresses_; // of the rules whose INCIDENT came
     std::map<std::string, unsigned> progress_;  // the last CAPTURE, by address
@@ -194,9 +176,10 @@ private:
 
 } // namespace
 
-void watch(session_t *session, const options_t &options, const endpoint_t &endpoint, console_t *console)
+void watch(session_t *session, const options_t &options, const endpoint_t &endpoint, console_t *console,
+           printer_t *printer)
 {
-    watcher_t(session, options, endpoint, console).run();
+    watcher_t(session, options, endpoint, console, printer).run();
 }
 
 } // namespace kestrune

@@ -1,7 +1,7 @@
-// The host probe's side of the plugin interface: what the plugin imports from the host, and the host's
-// packet, parsed-header, flow, description and option records. Only the named fields are known; the rest of
-// each record is the host's own. All records are for a little-endian 64-bit target; the offsets are checked
-// below.
+// The host probe's side of the plugin interface: what the plugin imports from the host, and
+// the host's packet, parsed-header, flow, description and option records. Only the named
+// fields are known; the rest of each record is the host's own. All records are for a
+// little-endian 64-bit target; the offsets are checked below.
 //
 // Threads: verbose_msg may be called from any thread. config_set_values is called by the host's thread only.
 // Ownership: every record belongs to the host; the plugin reads it during the call that hands it over.

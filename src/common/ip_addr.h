@@ -25,9 +25,8 @@ inline bool operator==(const ip_addr_t &a, const ip_addr_t &b)
     return std::memcmp(a.bytes, b.bytes, sizeof a.bytes) == 0;
 }
 
-// Key of an IPv4 address given as the host's header holds it (least significant byte first). Made as two
-// whole words, as the hash reads it: on the packet path narrower writes would not have reached memory yet,
-// and the reading would have to wait for them.
+// Key of an IPv4 address as the host's header holds it (least significant byte first). Written as two whole
+// words, the way the hash reads it: narrower writes would stall that read on the packet path.
 inline ip_addr_t ip_addr_from_ipv4(const uint8_t address[4])
 {
     static_assert(std::endian::native == std::endian::little);
@@ -39,7 +38,7 @@ inline ip_addr_t ip_addr_from_ipv4(const uint8_t address[4])
     return key;
 }
 
-// Key of an IPv6 address given as the host's header holds it (least significant byte first).
+// Key of an IPv6 address as the host's header holds it (least significant byte first).
 inline ip_addr_t ip_addr_from_ipv6(const uint8_t address[16])
 {
     ip_addr_t key;
@@ -56,5 +55,5 @@ struct ip_addr_text_t {
     char text[IP_ADDR_TEXT_SIZE];
 };
 
-// The usual text form (dotted, or RFC 5952 as inet_ntop makes it), zero-filled behind its end.
+// The usual text form (dotted, or RFC 5952 as inet_ntop makes it), zero-filled to its full size.
 ip_addr_text_t ip_addr_text(const ip_addr_t &addr);

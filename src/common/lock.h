@@ -1,13 +1,14 @@
-// POSIX locks behind types that clang's thread-safety analysis can follow (a raw pthread_mutex_t cannot carry
-// the annotations). The functions are the POSIX ones and nothing more; with g++ the annotations are empty.
+// POSIX locks in types that clang's thread-safety analysis can follow; a raw pthread_mutex_t cannot carry the
+// annotations. The functions do what the POSIX ones do and nothing more. With g++ the annotations are empty.
 //
-// None of the lock functions is a cancellation point. A failed lock is not possible on a lock that was
-// created and is not held twice, and is not tested: there is nothing useful a plugin could do but go on.
+// No lock function is a cancellation point. Locking cannot fail on a lock that exists and is not held twice,
+// so the result is not tested: a plugin could only go on anyway.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <pthread.h>
+#include <sched.h>
 
 #if defined(__clang__)
 #define KS_TSA(x) __attribute__((x))
@@ -16,7 +17,6 @@
 #endif
 #define KS_CAPABILITY(name) KS_TSA(capability(name))
 #define KS_GUARDED_BY(x) KS_TSA(guarded_by(x))
-#define KS_PT_GUARDED_BY(x) KS_TSA(pt_guarded_by(x))
 #define KS_ACQUIRE(...) KS_TSA(acquire_capability(__VA_ARGS__))
 #define KS_ACQUIRE_SHARED(...) KS_TSA(acquire_shared_capability(__VA_ARGS__))
 #define KS_RELEASE(...) KS_TSA(release_capability(__VA_ARGS__))
@@ -34,6 +34,17 @@ inline void cpu_pause()
 #elif defined(__aarch64__)
     __asm__ volatile("yield");
 #endif
+}
+
+// One step of waiting for a thread that is about to finish. That thread may be
+// preempted and need this processor.
+inline void spin_pause(int *spins)
+{
+    if (++*spins % 1024 == 0) {
+        sched_yield();
+    } else {
+        cpu_pause();
+    }
 }
 
 struct KS_CAPABILITY("mutex") mutex_t {
@@ -102,9 +113,9 @@ inline void rwlock_write_unlock(rwlock_t *lock) KS_RELEASE(*lock) KS_NO_ANALYSIS
     pthread_rwlock_unlock(&lock->native);
 }
 
-// A read-write lock whose writers and readers all get their turn: who wants it waits in `turn` until those
-// who have it let it go, and nobody passes by meanwhile. With a plain one readers that keep overlapping would
-// leave a writer waiting for ever. Not to be taken by a thread that has it, for reading neither.
+// A read-write lock on which neither writers nor readers starve: each thread waits in `turn` until the
+// current holders release, and nobody overtakes it there. With a plain lock, overlapping readers could make a
+// writer wait for ever. A thread must not take it twice, not even for reading.
 struct KS_CAPABILITY("rwlock") fair_rwlock_t {
     pthread_rwlock_t native;
     pthread_mutex_t turn; // held only while `native` is being taken
@@ -159,9 +170,10 @@ struct KS_CAPABILITY("spin lock") spin_t {
 
 inline void spin_lock(spin_t *spin) KS_ACQUIRE(*spin) KS_NO_ANALYSIS // wrapper
 {
+    int spins = 0;
     while (spin->held.exchange(1, std::memory_order_seq_cst) != 0) {
         while (spin->held.load(std::memory_order_relaxed) != 0) {
-            cpu_pause();
+            spin_pause(&spins);
         }
     }
 }

@@ -1,16 +1,17 @@
-// Logging. KS_INFO(level, format, ...) and KS_ERROR(format, ...) name the level and the format once; the
-// host's form and the standard-output form are both made from them, and the compiler checks the arguments.
+// Logging. KS_INFO(level, format, ...) and KS_ERROR(format, ...) state level and format once; the host's form
+// and the standard-output form are both made from them, and the compiler checks the arguments.
 //
 //   level of the host  >= L        verbose_msg(L, 1, format, ...)
 //   else own level     >= L        "INFO(L) " + message + newline on standard output
 //   else                           nothing
 //
 // An error goes to verbose_msg(-1, 0, ...) when the host's level is at least -1, and never to standard
-// output. Both levels are read anew for every message. Every text begins with "kestrune: ".
+// output. Both levels are read anew for every message. Every text begins with "kestrune: ". Message texts are
+// an interface, misspellings included: programs match them, so do not correct them.
 //
-// Threads: any. May be called with locks held, but the host's function decides how long it takes; errno is
-// the same after the call as before. Not a cancellation point in threads started by thread_start, which
-// run with cancellation disabled.
+// Threads: any. May be called with locks held, but the host's function decides how long it
+// takes. errno is unchanged after the call. Not a cancellation point in threads started by
+// thread_start, which run with cancellation disabled.
 #pragma once
 
 #include "common/host_interface.h"

@@ -1,4 +1,4 @@
-// Memory on cache lines of its own, for what threads share.
+// Memory on cache lines of its own, for data that threads share.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 // Two lines of 64 bytes: the hardware fetches neighbouring lines in pairs.
 constexpr uint64_t CACHE_LINES = 128;
 
-// count * size zero bytes that share no cache line with anything else; null without memory or when the
+// count * size zero bytes that share no cache line with other memory; null when memory is short or the
 // product overflows. Released with std::free.
 [[nodiscard]] inline void *zeroed_lines(uint64_t count, uint64_t size)
 {

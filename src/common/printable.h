@@ -1,5 +1,5 @@
-// Names come from clients and end up in log messages. A terminal or a log reader must not take part of a name
-// for a command or for another line, so control characters are written out.
+// Names come from clients and appear in log messages. Control characters are escaped, so that no part of a
+// name acts as a terminal command or as another log line.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +10,6 @@ struct printable_t {
     char text[PRINTABLE_SIZE];
 };
 
-// The text itself when it holds no control character (below 0x20, or 0x7F); else a copy in *space in which
-// each stands as \xNN, cut to "..." where it does not fit. The result lives as long as both arguments.
+// The text itself when it holds no control character (below 0x20, or 0x7F). Otherwise a copy in *space with
+// each written as \xNN, cut to "..." where it does not fit. The result lives as long as both arguments.
 const char *printable(const char *text, printable_t *space);

@@ -1,8 +1,12 @@
 #include "common/thread.h"
 
+#include "common/clock.h"
+
 #include <cerrno>
 #include <csignal>
 #include <initializer_list>
+#include <sys/resource.h>
+#include <unistd.h>
 
 int thread_start(pthread_t *thread, void *(*body)(void *), void *argument)
 {
@@ -25,6 +29,21 @@ void thread_begin(const char *name)
 {
     thread_cancel_disable();
     pthread_setname_np(pthread_self(), name);
+}
+
+void thread_lower_priority()
+{
+    const auto self = static_cast<id_t>(gettid()); // on Linux each thread has a nice value of its own
+    setpriority(PRIO_PROCESS, self, getpriority(PRIO_PROCESS, self) + THREAD_LOWERED);
+}
+
+void thread_pause(uint32_t milliseconds)
+{
+    const timespec end = timespec_of(monotonic_now_ns() + milliseconds * NS_PER_MS);
+    thread_cancel_enable();
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
+    }
+    thread_cancel_disable();
 }
 
 void thread_stop(pthread_t thread)

@@ -1,9 +1,8 @@
 // Starting and stopping the plugin's threads.
 //
-// Threads are stopped by cancellation only. A thread that dies with a lock, a table row or a descriptor in
-// its hands would stop the product, and most system calls are cancellation points. So every thread of the
-// plugin runs with cancellation disabled and enables it around the single blocking call at which it may be
-// stopped:
+// Threads are stopped by cancellation only. A thread that died holding a lock, a table row or a descriptor
+// would stop the product, and most system calls are cancellation points. So every thread of the plugin runs
+// with cancellation disabled and enables it around the single blocking call at which it may be stopped:
 //
 //   void *body(void *argument)
 //   {
@@ -18,20 +17,30 @@
 // handlers run on the host's threads.
 #pragma once
 
+#include <cstdint>
 #include <pthread.h>
 
 // Start body(argument) on a new joinable thread with the host's signals blocked. 0, or the error number of
-// pthread_create, which is also left in errno.
+// pthread_create, also left in errno.
 [[nodiscard]] int thread_start(pthread_t *thread, void *(*body)(void *), void *argument);
 
 // First call of a thread's body: disables cancellation and names the thread (at most 15 characters).
 void thread_begin(const char *name);
 
+// Lower the priority of the calling thread, and of the threads it starts later, by THREAD_LOWERED: client
+// work must not take the packet threads' processors. An unprivileged thread cannot raise it again.
+constexpr int THREAD_LOWERED = 10; // nice value
+void thread_lower_priority();
+
+// Sleep this long on the monotonic clock. Can be cancelled here and nowhere else;
+// leaves cancellation disabled.
+void thread_pause(uint32_t milliseconds);
+
 // Request cancellation and wait for the thread to end, when the request was accepted. Blocks.
 void thread_stop(pthread_t thread);
 
-// A cancelled thread leaves the frames between its blocking call and its clean-up handler by a jump that the
-// address sanitizer does not see; their marks must be off the stack by then.
+// A cancelled thread jumps over the frames between its blocking call and its clean-up handler. The address
+// sanitizer does not see that jump, so their marks must be removed from the stack first.
 #if defined(__SANITIZE_ADDRESS__)
 #define KS_ADDRESS_SANITIZER 1
 #elif defined(__has_feature)
@@ -56,8 +65,8 @@ inline void thread_cancel_disable()
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
 }
 
-// For work that must not be cut short on a thread of the host, whose cancellation state is the host's:
-// disable cancellation and return the state to restore.
+// For work that must not be interrupted on a host thread: disable cancellation and return the state to
+// restore. The cancellation state of such a thread belongs to the host.
 [[nodiscard]] inline int thread_cancel_suspend()
 {
     int before;

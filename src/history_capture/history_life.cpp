@@ -1,71 +1,65 @@
 // Creating, enabling, disabling and destroying a history capture.
 
-#include "history_capture/history_capture.h"
+#include "history_capture/history_state.h"
 
 #include "common/log.h"
 #include "common/memory.h"
 #include "common/thread.h"
 #include "history_capture/gate.h"
+#include "history_capture/history_rules.h"
+#include "history_capture/history_search.h"
 #include "history_capture/ring_memory.h"
 
 #include <cstdlib>
 
 namespace {
 
-// The locks and conditions in the order in which they are created.
-enum : int { STATE_LOCK = 1, LIFE_LOCK, BUFFER_LOCK, SEARCH_MOVED, DELETED_RULES_LOCK, SEARCH_SEMAPHORE };
+// A lock, condition or semaphore of a history capture.
+struct part_t {
+    int (*create)(history_capture_t *hc);
+    void (*destroy)(history_capture_t *hc);
+    const char *missing; // logged when it cannot be created
+};
 
-// Destroy what was created up to and with `made`, newest first.
-void destroy_locks(history_capture_t *hc, int made) KS_NO_ANALYSIS // nobody else uses the structure
+constexpr char NO_STATE_LOCK[] = "kestrune: History_capture: Lock for Buffer state was not created";
+constexpr char NO_BUFFER_LOCK[] = "kestrune: History_capture: Lock for Buffer was not created";
+constexpr char NO_SEMAPHORE[] = "kestrune: History_capture: Semaphore for search thread was not created";
+
+constexpr part_t PARTS[] = {
+    {[](history_capture_t *hc) { return rwlock_init(&hc->state_lock); },
+     [](history_capture_t *hc) { rwlock_destroy(&hc->state_lock); }, NO_STATE_LOCK},
+    {[](history_capture_t *hc) { return mutex_init(&hc->life_lock); },
+     [](history_capture_t *hc) { mutex_destroy(&hc->life_lock); }, NO_STATE_LOCK},
+    {[](history_capture_t *hc) { return mutex_init(&hc->buffer_lock); },
+     [](history_capture_t *hc) { mutex_destroy(&hc->buffer_lock); }, NO_BUFFER_LOCK},
+    {[](history_capture_t *hc) { return pthread_cond_init(&hc->search_moved, nullptr); },
+     [](history_capture_t *hc) { pthread_cond_destroy(&hc->search_moved); }, NO_BUFFER_LOCK},
+    {[](history_capture_t *hc) { return mutex_init(&hc->deleted_rules_lock); },
+     [](history_capture_t *hc) { mutex_destroy(&hc->deleted_rules_lock); }, NO_BUFFER_LOCK},
+    {[](history_capture_t *hc) { return sem_init(&hc->search_semaphore, 0, 0); },
+     [](history_capture_t *hc) { sem_destroy(&hc->search_semaphore); }, NO_SEMAPHORE},
+};
+constexpr size_t PART_COUNT = sizeof PARTS / sizeof PARTS[0];
+
+// Destroy the first `made` parts, in reverse order.
+void destroy_locks(history_capture_t *hc, size_t made)
 {
-    switch (made) {
-    case SEARCH_SEMAPHORE:
-        sem_destroy(&hc->search_semaphore);
-        [[fallthrough]];
-    case DELETED_RULES_LOCK:
-        mutex_destroy(&hc->deleted_rules_lock);
-        [[fallthrough]];
-    case SEARCH_MOVED:
-        pthread_cond_destroy(&hc->search_moved);
-        [[fallthrough]];
-    case BUFFER_LOCK:
-        mutex_destroy(&hc->buffer_lock);
-        [[fallthrough]];
-    case LIFE_LOCK:
-        mutex_destroy(&hc->life_lock);
-        [[fallthrough]];
-    case STATE_LOCK:
-        rwlock_destroy(&hc->state_lock);
-        break;
-    default:
-        break;
+    while (made > 0) {
+        PARTS[--made].destroy(hc);
     }
 }
 
-// Create the locks. The last one created: SEARCH_SEMAPHORE when all were, after logging what was not.
-int create_locks(history_capture_t *hc)
+// Create all parts. False after logging which one failed, with none left.
+bool create_locks(history_capture_t *hc)
 {
-    if (rwlock_init(&hc->state_lock) != 0) {
-        KS_ERROR("kestrune: History_capture: Lock for Buffer state was not created");
-        return 0;
+    for (size_t i = 0; i < PART_COUNT; i++) {
+        if (PARTS[i].create(hc) != 0) {
+            KS_ERROR("%s", PARTS[i].missing);
+            destroy_locks(hc, i);
+            return false;
+        }
     }
-    if (mutex_init(&hc->life_lock) != 0) {
-        KS_ERROR("kestrune: History_capture: Lock for Buffer state was not created");
-        return STATE_LOCK;
-    }
-    const int made = mutex_init(&hc->buffer_lock) != 0                    ? LIFE_LOCK
-                     : pthread_cond_init(&hc->search_moved, nullptr) != 0 ? BUFFER_LOCK
-                     : mutex_init(&hc->deleted_rules_lock) != 0           ? SEARCH_MOVED
-                                                                          : DELETED_RULES_LOCK;
-    if (made != DELETED_RULES_LOCK) {
-        KS_ERROR("kestrune: History_capture: Lock for Buffer was not created");
-        return made;
-    }
-    if (sem_init(&hc->search_semaphore, 0, 0) != 0) {
-        KS_ERROR("kestrune: History_capture: Semaphore for search thread was not created");
-        return DELETED_RULES_LOCK;
-    }
-    return SEARCH_SEMAPHORE;
+    return true;
 }
 
 void destroy_tables(history_capture_t *hc) KS_NO_ANALYSIS // nobody else uses the structure
@@ -78,8 +72,7 @@ void destroy_tables(history_capture_t *hc) KS_NO_ANALYSIS // nobody else uses th
     }
 }
 
-// Tables and locks of a zeroed structure. False, after logging why and with nothing left, when one is
-// missing.
+// Tables and locks of a zeroed structure. False after logging why, with nothing left.
 bool create_parts(history_capture_t *hc) KS_NO_ANALYSIS // nobody else uses the structure
 {
     hc->slow_search_table = fhf_init(HC_TABLE_ROWS, sizeof(ip_addr_t), sizeof(hc_rule_t));
@@ -93,17 +86,15 @@ bool create_parts(history_capture_t *hc) KS_NO_ANALYSIS // nobody else uses the 
         destroy_tables(hc);
         return false;
     }
-    const int made = create_locks(hc);
-    if (made != SEARCH_SEMAPHORE) {
-        destroy_locks(hc, made);
+    if (!create_locks(hc)) {
         destroy_tables(hc);
         return false;
     }
     return true;
 }
 
-// Let the ring and its rules be gone for everybody and hand the memory to the caller, who releases it outside
-// the lock: giving gigabytes back takes time.
+// Detach the ring and forget its rules. The caller releases the memory outside the
+// lock: returning gigabytes takes time.
 uint8_t *detach_ring(history_capture_t *hc, uint64_t *size)
 {
     rwlock_write(&hc->state_lock);
@@ -117,7 +108,9 @@ uint8_t *detach_ring(history_capture_t *hc, uint64_t *size)
     hc->size = 0;
     hc->last_packet_time = 0;
     hc->stopping = false;
-    hc->new_rules = 0; // their table was emptied; a post that nobody took belonged to them
+    hc->new_rules = 0; // their table is empty now; an untaken post belonged to them
+    hc->held_rules = 0;
+    hc->run_posted = false;
     while (sem_trywait(&hc->search_semaphore) == 0) {
     }
     gate_open(hc);
@@ -125,9 +118,9 @@ uint8_t *detach_ring(history_capture_t *hc, uint64_t *size)
     return buffer;
 }
 
-// Take state_lock for writing while no run is under way. A run holds it for reading, so this waits for the
-// run's end; but between its swap of the tables and that read lock a run holds nothing. To close the gate
-// then would be for ever: a packet inside may wait for this run, and the run for the lock.
+// Take state_lock for writing while no run is in progress. A run holds it for reading, so this waits for the
+// run's end. Between its swap of the tables and that read lock, a run holds nothing. Closing the gate here
+// would deadlock: a packet inside may wait for this run, and the run for the lock.
 void lock_outside_runs(history_capture_t *hc) KS_ACQUIRE(hc->state_lock)
 {
     rwlock_write(&hc->state_lock);
@@ -138,8 +131,8 @@ void lock_outside_runs(history_capture_t *hc) KS_ACQUIRE(hc->state_lock)
     }
 }
 
-// Refuse packets and rules from now on. False when the ring is not enabled. Waits for the end of a run, while
-// the packet thread goes on.
+// Refuse packets and rules from now on. False when the ring is not enabled. Waits for the end of
+// a run, while the packet thread continues.
 bool begin_stop(history_capture_t *hc)
 {
     lock_outside_runs(hc);
@@ -147,6 +140,7 @@ bool begin_stop(history_capture_t *hc)
     const bool was_enabled = hc->enabled != 0;
     if (was_enabled) {
         hc->enabled = 0;
+        hc_raise_offers(hc, 1);
         hc->stopping = true;
     }
     gate_open(hc);
@@ -154,7 +148,7 @@ bool begin_stop(history_capture_t *hc)
     return was_enabled;
 }
 
-// Put a ring of this memory into use.
+// Put a ring in this memory into use.
 void attach_ring(history_capture_t *hc, uint8_t *buffer, uint64_t size)
 {
     rwlock_write(&hc->state_lock);
@@ -164,9 +158,38 @@ void attach_ring(history_capture_t *hc, uint8_t *buffer, uint64_t size)
     hc->last = 0;
     hc->packets = 0;
     hc->first = size;
+    hc->oldest_time = INT64_MAX;
+    hc->oldest_looked_ms = 0;
     hc->enabled = 1;
+    hc_raise_offers(hc, 1);
     gate_open(hc);
     rwlock_write_unlock(&hc->state_lock);
+}
+
+int32_t enable(history_capture_t *hc, uint64_t size, ring_grant_t grant)
+{
+    if (size == 0) {
+        size = HC_DEFAULT_SIZE;
+    }
+    mutex_lock(&hc->life_lock);
+    if (hc->enabled != 0) {
+        mutex_unlock(&hc->life_lock);
+        return HC_RUNNING;
+    }
+    uint8_t *buffer = ring_allocate(size, grant, &hc->unpopulated); // the last search thread has ended
+    if (buffer == nullptr) {
+        mutex_unlock(&hc->life_lock);
+        return HC_NO_MEMORY;
+    }
+    if (thread_start(&hc->search_thread, hc_search_thread, hc) != 0) {
+        KS_ERROR("kestrune: History_capture: Search thread was not created");
+        ring_free(buffer, size, &hc->unpopulated);
+        mutex_unlock(&hc->life_lock);
+        return HC_NO_MEMORY;
+    }
+    attach_ring(hc, buffer, size);
+    mutex_unlock(&hc->life_lock);
+    return HC_OK;
 }
 
 } // namespace
@@ -183,7 +206,7 @@ history_capture_t *hc_init(uint64_t size)
         return nullptr;
     }
     hc->search_pause_ms = HC_SEARCH_PAUSE_MS;
-    if (size == 0 || hc_enable(hc, size) >= 0) {
+    if (size == 0 || enable(hc, size, ring_grant_t::BY_KERNEL) >= 0) {
         return hc;
     }
     hc_destroy(hc);
@@ -192,30 +215,14 @@ history_capture_t *hc_init(uint64_t size)
     return nullptr;
 }
 
+bool hc_is_enabled(const history_capture_t *hc)
+{
+    return hc->enabled.load(std::memory_order_acquire) != 0;
+}
+
 int32_t hc_enable(history_capture_t *hc, uint64_t size)
 {
-    if (size == 0) {
-        size = HC_DEFAULT_SIZE;
-    }
-    mutex_lock(&hc->life_lock);
-    if (hc->enabled != 0) {
-        mutex_unlock(&hc->life_lock);
-        return HC_RUNNING;
-    }
-    uint8_t *buffer = ring_allocate(size, &hc->unpopulated); // the last search thread has ended
-    if (buffer == nullptr) {
-        mutex_unlock(&hc->life_lock);
-        return HC_NO_MEMORY;
-    }
-    if (thread_start(&hc->search_thread, hc_search_thread, hc) != 0) {
-        KS_ERROR("kestrune: History_capture: Search thread was not created");
-        ring_free(buffer, size, &hc->unpopulated);
-        mutex_unlock(&hc->life_lock);
-        return HC_NO_MEMORY;
-    }
-    attach_ring(hc, buffer, size);
-    mutex_unlock(&hc->life_lock);
-    return HC_OK;
+    return enable(hc, size, ring_grant_t::WITHIN_AVAILABLE);
 }
 
 void hc_disable(history_capture_t *hc)
@@ -225,8 +232,8 @@ void hc_disable(history_capture_t *hc)
         mutex_unlock(&hc->life_lock);
         return;
     }
-    // state_lock is free meanwhile: the thread may need it to see that it is to stop, or to finish a run that
-    // it has just taken.
+    // state_lock is free meanwhile: the thread may need it to notice that it should stop,
+    // or to finish a run that it has just taken.
     KS_INFO(LOG_DETAIL, "kestrune: Try to cancel search thread");
     thread_stop(hc->search_thread);
     KS_INFO(LOG_DETAIL, "kestrune: Search thread canceled");
@@ -256,7 +263,7 @@ void hc_destroy(history_capture_t *hc)
         std::free(item);
     }
     mutex_unlock(&hc->deleted_rules_lock);
-    destroy_locks(hc, SEARCH_SEMAPHORE);
+    destroy_locks(hc, PART_COUNT);
     destroy_tables(hc);
     std::free(hc);
 }

@@ -1,10 +1,11 @@
-// The rules of one queue: taking them in, telling how far they are, finishing them.
+// The rules of one queue: adding them, reporting their progress, finishing them.
 
-#include "history_capture/history_capture.h"
+#include "history_capture/history_rules.h"
 
-#include "common/descriptor.h"
 #include "common/log.h"
 #include "common/progress.h"
+#include "history_capture/gate.h"
+#include "storage/capture_file.h"
 #include "storage/pcap_writer.h"
 
 #include <cstdlib>
@@ -26,8 +27,8 @@ hc_deleted_rule_t *take_finished(history_capture_t *hc, const ip_addr_t &ip)
     return nullptr;
 }
 
-// Forget what an earlier rule of this address left behind, so that nobody is told its count for the new
-// one's.
+// Forget what an earlier rule of this address left behind, so that its count is not
+// reported for the new rule.
 void forget_finished(history_capture_t *hc, const ip_addr_t &ip)
 {
     mutex_lock(&hc->deleted_rules_lock);
@@ -37,8 +38,7 @@ void forget_finished(history_capture_t *hc, const ip_addr_t &ip)
     mutex_unlock(&hc->deleted_rules_lock);
 }
 
-// Create the rule's file with its header. The descriptor, or the result code of hc_add_rule after logging
-// why.
+// Create the rule's file with its header. The descriptor, or hc_add_rule's result code after logging why.
 int32_t create_rule_file(const char *path)
 {
     const int fd = create_capture_file(path);
@@ -54,24 +54,53 @@ int32_t create_rule_file(const char *path)
     return fd;
 }
 
-// Put the rule into the waiting table. The number of rules that wait now; 0 when the table refuses.
-uint32_t insert_rule(history_capture_t *hc, const ip_addr_t *ip, uint8_t direction, int fd)
+// Put the rule into the waiting table, held. False when the table refuses.
+bool insert_held(history_capture_t *hc, const ip_addr_t *ip, const hc_rule_t &rule)
     KS_REQUIRES_SHARED(hc->state_lock)
 {
-    uint32_t waiting = 0;
-    spin_lock(&hc->position_lock);
-    const int64_t now = hc->last_packet_time.load(std::memory_order_relaxed);
-    const hc_rule_t rule = {0, now, fd, direction, 0, 0, PCAP_HEADER_SIZE};
-    if (fhf_insert(hc->slow_search_table, ip, &rule) == FHF_OK) {
-        waiting = hc->new_rules.load(std::memory_order_relaxed) + 1;
-        hc->last_rule_time.store(now, std::memory_order_relaxed);
-        hc->new_rules.store(waiting, std::memory_order_release); // hc_delete_first looks at this one first
+    gate_close(hc);
+    const bool inserted = fhf_insert(hc->slow_search_table, ip, &rule) == FHF_OK;
+    if (inserted) {
+        hc->held_rules++;
+        hc->last_rule_time.store(HC_HELD, std::memory_order_relaxed);
+        hc->new_rules.store(hc->new_rules.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     }
-    spin_unlock(&hc->position_lock);
-    return waiting;
+    gate_open(hc);
+    return inserted;
 }
 
-// Share of the ring that the run has behind it, in percent.
+// Date the held rule of this address. False when there is none.
+bool date_held(history_capture_t *hc, const ip_addr_t *ip, int64_t now) KS_REQUIRES_SHARED(hc->state_lock)
+    KS_REQUIRES(hc->position_lock)
+{
+    fhf_lock_t *row = nullptr;
+    auto *rule = static_cast<hc_rule_t *>(fhf_get_data_locked(hc->slow_search_table, ip, &row));
+    if (rule == nullptr) {
+        return false;
+    }
+    const bool held = rule->time == HC_HELD;
+    if (held) {
+        rule->time = now;
+    }
+    fhf_unlock(row);
+    return held;
+}
+
+// With the gate closed: release the rule in an enabled ring. True when the search thread must be woken.
+bool release_held(history_capture_t *hc, const ip_addr_t *ip) KS_REQUIRES_SHARED(hc->state_lock)
+    KS_REQUIRES(hc->position_lock)
+{
+    const int64_t now = hc->last_packet_time.load(std::memory_order_relaxed);
+    if (!date_held(hc, ip, now) || --hc->held_rules > 0) {
+        return false; // the last release posts for all
+    }
+    hc->last_rule_time.store(now, std::memory_order_relaxed);
+    const bool post = !hc->run_posted;
+    hc->run_posted = true;
+    return post;
+}
+
+// The part of the ring that the run has examined, in percent.
 int8_t run_percent(const history_capture_t *hc) KS_REQUIRES_SHARED(hc->state_lock)
 {
     const uint64_t position = hc->search_position.load(std::memory_order_acquire);
@@ -83,7 +112,7 @@ int8_t run_percent(const history_capture_t *hc) KS_REQUIRES_SHARED(hc->state_loc
     return static_cast<int8_t>((hc->size - remaining) * 100 / hc->size);
 }
 
-// Progress of a rule in one table; false when it is not there.
+// Progress of a rule in one table; false when it is not in the table.
 bool table_progress(fhf_table_t *table, const ip_addr_t *ip, int8_t percent, uint8_t remove,
                     uint64_t *progress)
 {
@@ -118,27 +147,48 @@ uint64_t finished_progress(history_capture_t *hc, const ip_addr_t *ip, uint8_t r
     return progress;
 }
 
-// List the rule as finished, unless whoever asks for it was told so already.
-void list_finished(history_capture_t *hc, const uint8_t *key, const hc_rule_t *rule)
-    KS_REQUIRES(hc->deleted_rules_lock)
+// List the rule as finished, unless its end was already reported and collected.
+void list_finished(history_capture_t *hc, const hc_rule_t *rule) KS_REQUIRES(hc->deleted_rules_lock)
 {
+    hc_deleted_rule_t *item = rule->finished;
     if (rule->collected != 0) {
+        std::free(item);
         return;
     }
-    auto *item = static_cast<hc_deleted_rule_t *>(std::calloc(1, sizeof(hc_deleted_rule_t)));
-    if (item == nullptr) {
-        KS_ERROR("kestrune: History buffer: Allocation error - creating item for deleted rule");
-        return;
-    }
-    std::memcpy(item->ip.bytes, key, sizeof item->ip.bytes);
     item->packets = rule->packets;
     item->next = hc->deleted_rules;
     hc->deleted_rules = item;
 }
 
+// hc_hold_rule on an enabled ring. `finished` stays the caller's unless the result is HC_OK.
+int32_t hold_rule(history_capture_t *hc, const ip_addr_t *ip, uint8_t direction, const char *path,
+                  hc_deleted_rule_t *finished) KS_REQUIRES_SHARED(hc->state_lock)
+{
+    const int32_t fd = create_rule_file(path);
+    if (fd < 0) {
+        return fd;
+    }
+    forget_finished(hc, *ip);
+    if (!insert_held(hc, ip, {0, HC_HELD, fd, direction, 0, 0, PCAP_HEADER_SIZE, finished})) {
+        KS_ERROR("kestrune: History_capture: Not possible to add rule for filtering IPs.");
+        close(fd);
+        return HC_NOT_ADDED;
+    }
+    return HC_OK;
+}
+
 } // namespace
 
 int32_t hc_add_rule(history_capture_t *hc, const ip_addr_t *ip, uint8_t direction, const char *path)
+{
+    const int32_t result = hc_hold_rule(hc, ip, direction, path);
+    if (result == HC_OK) {
+        hc_release_rule(hc, ip);
+    }
+    return result;
+}
+
+int32_t hc_hold_rule(history_capture_t *hc, const ip_addr_t *ip, uint8_t direction, const char *path)
 {
     rwlock_read(&hc->state_lock);
     if (hc->enabled.load(std::memory_order_relaxed) == 0) {
@@ -147,24 +197,32 @@ int32_t hc_add_rule(history_capture_t *hc, const ip_addr_t *ip, uint8_t directio
         rwlock_read_unlock(&hc->state_lock);
         return HC_DISABLED;
     }
-    const int32_t fd = create_rule_file(path);
-    if (fd < 0) {
-        rwlock_read_unlock(&hc->state_lock);
-        return fd;
-    }
-    forget_finished(hc, *ip);
-    const uint32_t waiting = insert_rule(hc, ip, direction, fd);
-    if (waiting == 0) {
-        KS_ERROR("kestrune: History_capture: Not possible to add rule for filtering IPs.");
-        rwlock_read_unlock(&hc->state_lock);
-        close(fd);
-        return HC_NOT_ADDED;
-    }
-    if (waiting == 1) {
-        sem_post(&hc->search_semaphore); // rules that come before the run join it without a post of their own
+    int32_t result = HC_NOT_ADDED;
+    auto *finished = static_cast<hc_deleted_rule_t *>(std::calloc(1, sizeof(hc_deleted_rule_t)));
+    if (finished == nullptr) {
+        KS_ERROR("kestrune: History buffer: Allocation error - creating item for deleted rule");
+    } else {
+        finished->ip = *ip;
+        result = hold_rule(hc, ip, direction, path, finished);
     }
     rwlock_read_unlock(&hc->state_lock);
-    return HC_OK;
+    if (result != HC_OK) {
+        std::free(finished);
+    }
+    return result;
+}
+
+void hc_release_rule(history_capture_t *hc, const ip_addr_t *ip)
+{
+    rwlock_read(&hc->state_lock);
+    gate_close(hc);
+    hc_raise_offers(hc, 2);
+    const bool post = hc->enabled.load(std::memory_order_relaxed) != 0 && release_held(hc, ip);
+    gate_open(hc);
+    if (post) {
+        sem_post(&hc->search_semaphore);
+    }
+    rwlock_read_unlock(&hc->state_lock);
 }
 
 int32_t hc_searched_packets(history_capture_t *hc, const ip_addr_t *ip)
@@ -186,7 +244,7 @@ uint64_t hc_search_progress(history_capture_t *hc, const ip_addr_t *ip, uint8_t 
     uint64_t progress = 0;
     rwlock_read(&hc->state_lock);
     // While the ring is being disabled its rules are still in their tables. A rule moves from a table to the
-    // finished list, never back, and is listed before it leaves the table: looking in this order finds it.
+    // finished list, never back, and is listed before it leaves the table, so looking in this order finds it.
     const bool searchable = hc->enabled.load(std::memory_order_relaxed) != 0 || hc->stopping;
     const bool found =
         searchable && (table_progress(hc->slow_search_table, ip, 0, 0, &progress) ||
@@ -203,21 +261,13 @@ void hc_clean_rules_from_fht(history_capture_t *hc, fhf_table_t *table)
     if (table == nullptr) {
         return;
     }
-    fhf_iter_t spare = {table, FHF_BEFORE_FIRST, static_cast<int32_t>(FHF_BEFORE_FIRST), nullptr, nullptr};
-    fhf_iter_t *iter = fhf_init_iter(table);
-    if (iter == nullptr) {
-        KS_ERROR("kestrune: History buffer: Allocation error - cleaning rules from hash table");
-    }
-    fhf_iter_t *walk = iter != nullptr ? iter : &spare; // the files must be closed all the same
+    fhf_iter_t walk = fhf_begin(table);
     mutex_lock(&hc->deleted_rules_lock);
-    while (fhf_get_next(walk) == FHF_OK) {
-        const auto *rule = reinterpret_cast<const hc_rule_t *>(walk->data);
+    while (fhf_get_next(&walk) == FHF_OK) {
+        const auto *rule = reinterpret_cast<const hc_rule_t *>(walk.data);
         close(rule->fd);
-        list_finished(hc, walk->key, rule);
-        fhf_remove_iter(walk);
-    }
-    if (iter != nullptr) {
-        fhf_destroy_iter(iter);
+        list_finished(hc, rule);
+        fhf_remove_iter(&walk);
     }
     mutex_unlock(&hc->deleted_rules_lock);
     fhf_clear(table);

@@ -1,7 +1,9 @@
+#include "listener/history_requests.h"
+
 #include "common/log.h"
 #include "common/settings.h"
+#include "listener/receive.h"
 #include "listener/reply.h"
-#include "listener/request_handler.h"
 
 #include <algorithm>
 
@@ -9,12 +11,11 @@ namespace {
 
 constexpr uint64_t BYTES_PER_MB = 1048576;
 
-// Turn the rings of all queues off, in order. False when a ring was off already: those before it are off
-// now.
+// Turn the rings of all queues off, in order. False when a ring was off already; those before it are off now.
 bool disable_all(const ls_client_t *slot) KS_REQUIRES(slot->rm->lock)
 {
     for (int32_t i = 0; i < slot->queue_count; i++) {
-        if (slot->history[i]->enabled.load() == 0) {
+        if (!hc_is_enabled(slot->history[i])) {
             KS_INFO(LOG_EVENT, "kestrune: Listener: Kestrune is not running");
             return false;
         }
@@ -24,7 +25,7 @@ bool disable_all(const ls_client_t *slot) KS_REQUIRES(slot->rm->lock)
     return true;
 }
 
-// Turn the rings of all queues on with this many bytes each. False when not all of them could be.
+// Turn the rings of all queues on with this many bytes each. False when any of them failed.
 bool enable_all(const ls_client_t *slot, uint64_t size) KS_REQUIRES(slot->rm->lock)
 {
     bool enabled = true;
@@ -51,6 +52,22 @@ bool enable_all(const ls_client_t *slot, uint64_t size) KS_REQUIRES(slot->rm->lo
     return enabled;
 }
 
+struct enabling_t {
+    const ls_client_t *slot;
+    uint64_t size; // bytes a queue
+    bool enabled;
+};
+
+// Runs on the starter's thread, because search threads inherit its nice value.
+void enable_as_host(void *argument)
+{
+    auto *enabling = static_cast<enabling_t *>(argument);
+    const ls_client_t *slot = enabling->slot;
+    rwlock_write(&slot->rm->lock);
+    enabling->enabled = enable_all(slot, enabling->size);
+    rwlock_write_unlock(&slot->rm->lock);
+}
+
 bool handle_off(ls_client_t *slot)
 {
     KS_INFO(LOG_DETAIL, "kestrune: Listener: Request for turning off History buffer");
@@ -72,11 +89,11 @@ bool handle_on(ls_client_t *slot)
         KS_ERROR("kestrune: Listener: Size of buffer for Kestrune was not received");
         return false;
     }
+    ls_begin_work(slot);
     const auto queues = static_cast<uint64_t>(std::max(slot->queue_count, 1));
-    rwlock_write(&slot->rm->lock);
-    const bool enabled = enable_all(slot, megabytes * BYTES_PER_MB / queues);
-    rwlock_write_unlock(&slot->rm->lock);
-    if (!enabled) {
+    enabling_t enabling = {slot, megabytes * BYTES_PER_MB / queues, false};
+    ls_starter_run(slot->starter, enable_as_host, &enabling);
+    if (!enabling.enabled) {
         return ls_reply_status(slot, msg_code::FAIL);
     }
     KS_INFO(LOG_EVENT,
@@ -88,7 +105,7 @@ bool handle_on(ls_client_t *slot)
 bool handle_info(ls_client_t *slot)
 {
     msg_hb_info_t sum = {};
-    uint32_t time_spans = 0;
+    uint64_t time_spans = 0;
     sum.time_span_min_s = slot->queue_count > 0 ? UINT32_MAX : 0;
     for (int32_t i = 0; i < slot->queue_count; i++) {
         hc_info_t queue = {};
@@ -102,7 +119,7 @@ bool handle_info(ls_client_t *slot)
         sum.time_span_max_s = std::max(sum.time_span_max_s, queue.time_span);
     }
     sum.queue_count = static_cast<uint32_t>(slot->queue_count);
-    sum.time_span_avg_s = sum.queue_count > 0 ? time_spans / sum.queue_count : 0;
+    sum.time_span_avg_s = sum.queue_count > 0 ? static_cast<uint32_t>(time_spans / sum.queue_count) : 0;
     sum.heavy_size = heavy_size();
     return ls_reply_history(slot, sum);
 }

@@ -1,7 +1,9 @@
-#include "listener/listener.h"
+#include "listener/listener_state.h"
 
 #include "common/log.h"
 #include "common/thread.h"
+#include "listener/request_handler.h"
+#include "listener/slot.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -22,7 +24,7 @@ void close_keeping_errno(int fd)
     errno = error;
 }
 
-// A number beyond the ports, which getaddrinfo would take modulo 65536.
+// A number above the port range, which getaddrinfo would take modulo 65536.
 bool is_beyond_ports(const char *port)
 {
     char *end = nullptr;
@@ -40,15 +42,15 @@ addrinfo *resolve(const char *port)
     if (error == 0) {
         return addresses;
     }
-    if (error != EAI_SYSTEM) { // the caller names the reason by errno
+    if (error != EAI_SYSTEM) { // the caller reports errno
         errno = error == EAI_MEMORY ? ENOMEM : EINVAL;
     }
     KS_ERROR("kestrune: Listener: Failed to process address information: %s", gai_strerror(error));
     return nullptr;
 }
 
-// A socket bound to the first of the addresses, or -1 after logging why.
-int bound_socket(const addrinfo *address)
+// A socket that listens on the first of the addresses, or -1 after logging why.
+int listening_socket(const addrinfo *address)
 {
     const int fd =
         socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, address->ai_protocol);
@@ -61,6 +63,8 @@ int bound_socket(const addrinfo *address)
         KS_ERROR("kestrune: setsockopt(SO_REUSEADDR) failed");
     } else if (bind(fd, address->ai_addr, address->ai_addrlen) != 0) {
         KS_ERROR("kestrune: Socket bind failed: %s", strerror(errno));
+    } else if (listen(fd, LS_LISTEN_BACKLOG) != 0) { // two sockets can bind to a port, one can listen
+        KS_ERROR("kestrune: Listener: Unable to listen on socket: %s", strerror(errno));
     } else {
         return fd;
     }
@@ -74,41 +78,45 @@ int open_port(const char *port)
     if (addresses == nullptr) {
         return -1;
     }
-    const int fd = bound_socket(addresses);
+    const int fd = listening_socket(addresses);
     const int error = errno;
     freeaddrinfo(addresses);
     errno = error;
     return fd;
 }
 
-// The rules manager and the listener thread. False after logging why.
+// Start the rules manager, the starter and the listener thread. False after logging why.
 bool start_threads(listener_t *listener)
 {
     if (rm_init(&listener->rm, listener->live, listener->history, listener->queue_count) != RM_OK) {
         KS_ERROR("kestrune: Listener: Rules manager could not be created");
         return false;
     }
-    if (thread_start(&listener->thread, ls_accept, listener) != 0) {
-        const int error = errno;
-        KS_ERROR("kestrune: Listener: Listener thread could not be created");
-        rm_destroy(&listener->rm);
-        errno = error;
-        return false;
+    int error = ls_starter_init(&listener->starter);
+    if (error == 0) {
+        error = thread_start(&listener->thread, ls_accept, listener);
+        if (error == 0) {
+            return true;
+        }
+        ls_starter_destroy(&listener->starter);
     }
-    return true;
+    KS_ERROR("kestrune: Listener: Listener thread could not be created");
+    rm_destroy(&listener->rm);
+    errno = error;
+    return false;
 }
 
-void fill_slots(const listener_t *listener, rules_manager_t *rm, ls_client_t *slots)
+void fill_slots(listener_t *listener, ls_client_t *slots)
 {
     for (uint32_t i = 0; i < LS_MAX_CLIENTS; i++) {
         slots[i].used.store(0);
-        slots[i].registered = 0;
-        slots[i].live = listener->live;
-        slots[i].rm = rm;
+        slots[i].rm = &listener->rm;
         slots[i].queue_count = listener->queue_count;
         slots[i].history = listener->history;
         slots[i].joinable = false;
         slots[i].reply = nullptr;
+        slots[i].permits = &listener->permits;
+        slots[i].starter = &listener->starter;
     }
 }
 
@@ -143,14 +151,14 @@ void place_client(ls_client_t *slots, int fd)
         return;
     }
     const int on = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on); // messages are short and wait for nothing
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on); // messages are short and must not be delayed
     setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on,
-               sizeof on); // a vanished client gives its slot back some day
+               sizeof on); // frees the slot of a vanished client in the end
     KS_INFO(LOG_EVENT, "kestrune: client connected, slot #%u", index);
     ls_client_t *slot = &slots[index];
     slot->fd = fd;
-    slot->registered = 0;
-    msg_channel_open(&slot->channel, fd);
+    rm_channel_open(&slot->channel, fd);
+    ls_permit_open(&slot->permit);
     slot->used.store(1);
     if (thread_start(&slot->thread, ls_client_handler, slot) != 0) {
         KS_ERROR("kestrune: Listener: Unable to accept a connection: client handler spawn failed: %s",
@@ -167,20 +175,15 @@ bool is_shortage(int error)
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
-// Cancellation takes effect in the poll before accept4 and not in accept4 itself, where it could lose a
-// connection's descriptor.
+// A connection, or -1 with errno: EAGAIN when none was waiting after all. Cancellation takes effect in the
+// poll before accept4, never in accept4 itself, which could lose a connection's descriptor.
 int accept_client(int sock)
 {
-    while (true) {
-        pollfd waiting = {sock, POLLIN, 0};
-        thread_cancel_enable();
-        poll(&waiting, 1, -1);
-        thread_cancel_disable();
-        const int fd = accept4(sock, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd != -1 || (errno != EAGAIN && errno != EWOULDBLOCK)) {
-            return fd;
-        }
-    }
+    pollfd waiting = {sock, POLLIN, 0};
+    thread_cancel_enable();
+    const int ready = poll(&waiting, 1, -1);
+    thread_cancel_disable();
+    return ready == -1 ? -1 : accept4(sock, nullptr, nullptr, SOCK_CLOEXEC);
 }
 
 // Returns only when the socket cannot listen.
@@ -190,18 +193,19 @@ void accept_clients(listener_t *listener, ls_client_t *slots)
         KS_ERROR("kestrune: Listener: Unable to listen on socket: %s", strerror(errno));
         return;
     }
-    while (true) {
+    for (int failures = 0;;) { // in a row
         const int fd = accept_client(listener->sock);
         if (fd != -1) {
+            failures = 0;
             place_client(slots, fd);
             continue;
         }
         const int error = errno;
-        KS_ERROR("kestrune: Listener: Unable to accept a connection: %s", strerror(error));
-        if (is_shortage(error)) {
-            thread_cancel_enable();
-            poll(nullptr, 0, LS_SHORTAGE_PAUSE_MS);
-            thread_cancel_disable();
+        if (error != EAGAIN && error != EWOULDBLOCK && error != EINTR) {
+            KS_ERROR("kestrune: Listener: Unable to accept a connection: %s", strerror(error));
+        }
+        if (++failures > 1 || is_shortage(error)) { // a single failure may concern that connection only
+            thread_pause(LS_SHORTAGE_PAUSE_MS);
         }
     }
 }
@@ -218,6 +222,7 @@ listener_t *ls_init(live_capture_t *live, const char *port, int32_t queue_count,
     listener->live = live;
     listener->queue_count = queue_count;
     listener->history = history;
+    ls_permits_init(&listener->permits);
     listener->sock = open_port(port);
     if (listener->sock != -1 && start_threads(listener)) {
         return listener;
@@ -237,6 +242,7 @@ void ls_destroy(listener_t *listener)
         return;
     }
     thread_stop(listener->thread);
+    ls_starter_destroy(&listener->starter); // no handler runs any more
     rm_destroy(&listener->rm);
     close(listener->sock);
     std::free(listener);
@@ -246,8 +252,9 @@ void *ls_accept(void *argument)
 {
     auto *listener = static_cast<listener_t *>(argument);
     thread_begin("ks-listener");
+    thread_lower_priority(); // and with it the handlers that it starts
     ls_client_t slots[LS_MAX_CLIENTS];
-    fill_slots(listener, &listener->rm, slots);
+    fill_slots(listener, slots);
     pthread_cleanup_push(ls_cancel_client_handlers, slots);
     accept_clients(listener, slots);
     pthread_cleanup_pop(0);

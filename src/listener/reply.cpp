@@ -1,6 +1,7 @@
 #include "listener/reply.h"
 
 #include "common/log.h"
+#include "listener/receive.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -10,7 +11,18 @@ namespace {
 
 bool send_reply(ls_client_t *slot, const msg_writer_t &out)
 {
-    if (!out.failed && msg_channel_reply(&slot->channel, out.bytes, out.used) == 0) {
+    rm_reply_t reply = {out.bytes, out.used, 0};
+    int result = out.failed ? RM_FAILED : rm_channel_reply(&slot->channel, &reply);
+    ls_end_work(slot);
+    while (result == RM_WAITS) {
+        result = RM_FAILED;
+        if (rm_channel_wait(&slot->channel, &reply)) {
+            ls_begin_work(slot); // sending is most of a long reply's work
+            result = rm_channel_reply(&slot->channel, &reply);
+            ls_end_work(slot);
+        }
+    }
+    if (result == RM_SENT) {
         return true;
     }
     KS_INFO(LOG_EVENT, "kestrune: Listener: Connection closed: send failed");
@@ -31,14 +43,14 @@ bool ls_reply_status(ls_client_t *slot, uint8_t code)
     }
     uint8_t bytes[MSG_HEADER_SIZE];
     msg_writer_t out = msg_writer(bytes, sizeof bytes);
-    msg_encode_header(&out, msg_answer(code));
+    msg_encode(&out, msg_answer(code));
     return send_reply(slot, out);
 }
 
 bool ls_reply_list(ls_client_t *slot, msg_ip_list_item_t *items, uint32_t count)
 {
     const uint64_t size = MSG_HEADER_SIZE + MSG_VALUE_SIZE + uint64_t{count} * MSG_IP_LIST_ITEM_SIZE;
-    // The slot owns the bytes: a handler that is cancelled while it sends frees them in its clean-up.
+    // The slot owns the bytes: the clean-up of a handler that is cancelled while it sends frees them.
     slot->reply = size <= UINT32_MAX ? static_cast<uint8_t *>(std::malloc(size)) : nullptr;
     if (slot->reply == nullptr) {
         std::free(items);
@@ -46,10 +58,10 @@ bool ls_reply_list(ls_client_t *slot, msg_ip_list_item_t *items, uint32_t count)
         return ls_reply_status(slot, msg_code::FAIL);
     }
     msg_writer_t out = msg_writer(slot->reply, static_cast<uint32_t>(size));
-    msg_encode_header(&out, msg_answer(msg_code::IP_LIST));
+    msg_encode(&out, msg_answer(msg_code::IP_LIST));
     msg_put_u32(&out, count);
     for (uint32_t i = 0; i < count; i++) {
-        msg_encode_ip_list_item(&out, items[i]);
+        msg_encode(&out, items[i]);
     }
     std::free(items);
     const bool sent = send_reply(slot, out);
@@ -65,8 +77,8 @@ bool ls_reply_detail(ls_client_t *slot, const rm_detail_t &detail)
 {
     uint8_t bytes[MSG_HEADER_SIZE + MSG_IP_DETAIL_SIZE + MSG_NAME_WIRE_MAX];
     msg_writer_t out = msg_writer(bytes, sizeof bytes);
-    msg_encode_header(&out, msg_answer(msg_code::IP_DETAIL));
-    msg_encode_ip_detail(&out, detail.fixed);
+    msg_encode(&out, msg_answer(msg_code::IP_DETAIL));
+    msg_encode(&out, detail.fixed);
     msg_put_bytes(&out, detail.name, detail.fixed.name_length);
     const bool sent = send_reply(slot, out);
     if (sent) {
@@ -79,8 +91,8 @@ bool ls_reply_history(ls_client_t *slot, const msg_hb_info_t &info)
 {
     uint8_t bytes[MSG_HEADER_SIZE + MSG_HB_INFO_SIZE];
     msg_writer_t out = msg_writer(bytes, sizeof bytes);
-    msg_encode_header(&out, msg_answer(msg_code::HB_INFO));
-    msg_encode_hb_info(&out, info);
+    msg_encode(&out, msg_answer(msg_code::HB_INFO));
+    msg_encode(&out, info);
     KS_INFO(LOG_EVENT, "kestrune: Listener: History buffer INFO");
     return send_reply(slot, out);
 }

@@ -1,8 +1,8 @@
-// Replies: each is encoded whole and sent at once. false ends the connection: the reply did not go out, and
-// the reason has been logged.
+// Replies. Each is encoded whole, sent at once, and ends the work on its request (ls_end_work). False ends
+// the connection: the reply did not go out, and the reason has been logged.
 #pragma once
 
-#include "listener/listener.h"
+#include "listener/slot.h"
 #include "protocol/message.h"
 
 #include <cstdint>

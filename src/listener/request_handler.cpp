@@ -4,7 +4,10 @@
 #include "common/printable.h"
 #include "common/settings.h"
 #include "common/thread.h"
+#include "listener/history_requests.h"
+#include "listener/receive.h"
 #include "listener/reply.h"
+#include "listener/slot.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -40,7 +43,7 @@ void log_added(const char *name, const timeval &received)
             date, static_cast<unsigned>(received.tv_usec));
 }
 
-// A name becomes part of a path: it must not lead out of the export directory or end early.
+// A name becomes part of a path. It must not lead out of the export directory or end early.
 bool name_is_usable(const uint8_t *name, uint32_t length)
 {
     if (length == 0 || length > MSG_NAME_MAX) {
@@ -67,11 +70,12 @@ bool handle_add(ls_client_t *slot, uint8_t target, const timeval &received)
         return false;
     }
     msg_reader_t in = msg_reader(bytes, sizeof bytes);
-    msg_decode_add(&in, &add);
+    msg_decode(&in, &add);
     if (!ls_receive(slot, name, add.name_length)) {
         KS_ERROR("kestrune: Listener: ADD, name not received");
         return false;
     }
+    ls_begin_work(slot);
     if (!name_is_usable(name, add.name_length)) {
         return ls_reply_status(slot, msg_code::FAIL);
     }
@@ -91,6 +95,7 @@ bool handle_remove(ls_client_t *slot, uint8_t target)
         KS_ERROR("kestrune: Listener: request remove, IP address was not received");
         return false;
     }
+    ls_begin_work(slot);
     if (rm_drop_rule(slot->rm, &addr, target) != RM_OK) {
         KS_INFO(LOG_DETAIL, "kestrune: Listener: Address to remove was not found");
         return ls_reply_status(slot, msg_code::FAIL);
@@ -123,6 +128,7 @@ bool handle_detail(ls_client_t *slot, uint8_t target)
         KS_ERROR("kestrune: Listener: request detail, IP address was not received");
         return false;
     }
+    ls_begin_work(slot);
     if (rm_address_detail(slot->rm, &detail, &addr) != RM_OK) {
         KS_INFO(LOG_DETAIL,
                 "kestrune: Listener: Detail of address could not be send, because the address is not "
@@ -139,7 +145,6 @@ bool handle_info_on(ls_client_t *slot)
         KS_INFO(LOG_EVENT, "kestrune: Listener: Register new client for updates was not success");
         return ls_reply_status(slot, msg_code::FAIL);
     }
-    slot->registered = 1;
     return ls_reply_status(slot, msg_code::SUCCESS);
 }
 
@@ -152,7 +157,6 @@ bool handle_info_off(ls_client_t *slot)
                 "not registered.");
         return ls_reply_status(slot, msg_code::FAIL);
     }
-    slot->registered = 0;
     return ls_reply_status(slot, msg_code::SUCCESS);
 }
 
@@ -183,11 +187,31 @@ bool handle_heavy_size(ls_client_t *slot, uint8_t target)
         KS_ERROR("kestrune: Listener: Heavy size, but the argument was not received.");
         return false;
     }
+    ls_begin_work(slot);
     set_heavy_size(packets);
     KS_INFO(LOG_EVENT, "kestrune: Listener: Heavy size set to %u", packets);
     return ls_reply_status(slot, msg_code::SUCCESS);
 }
 
+// Whether bytes follow the request's header.
+bool has_payload(const msg_header_t &header)
+{
+    switch (header.code) {
+    case msg_action::ADD:
+    case msg_action::DETAIL:
+        return header.target <= BOTH;
+    case msg_action::REMOVE:
+        return true;
+    case msg_action::HISTORY:
+        return header.target == msg_target::ON;
+    case msg_action::REQ_HS:
+        return header.target == msg_target::HEAVY_SIZE;
+    default:
+        return false;
+    }
+}
+
+// Carry out a request, from the bytes after its header. Each handler receives its part, then begins the work.
 bool dispatch(ls_client_t *slot, const msg_header_t &header, const timeval &received)
 {
     switch (header.code) {
@@ -225,45 +249,20 @@ bool serve_request(ls_client_t *slot)
     gettimeofday(&received, nullptr);
     msg_header_t header = {};
     msg_reader_t in = msg_reader(bytes, sizeof bytes);
-    msg_decode_header(&in, &header);
+    msg_decode(&in, &header);
     KS_INFO(LOG_DEBUG, "kestrune: Listener: Received header v: %d.%d a: %d t: %d", header.version_major,
             header.version_minor, header.code, header.target);
     if (!msg_version_supported(header)) {
         KS_INFO(LOG_EVENT, "kestrune: Listener: Connection closed: protocol version not supported");
         return false;
     }
+    if (!has_payload(header)) {
+        ls_begin_work(slot);
+    }
     return dispatch(slot, header, received);
 }
 
 } // namespace
-
-bool ls_receive(const ls_client_t *slot, uint8_t *bytes, uint32_t size)
-{
-    uint32_t received = 0;
-    while (received < size) {
-        thread_cancel_enable();
-        const ssize_t got = recv(slot->fd, bytes + received, size - received, MSG_WAITALL);
-        thread_cancel_disable();
-        if (got > 0) {
-            received += static_cast<uint32_t>(got);
-        } else if (got == 0 || errno != EINTR) {
-            KS_INFO(LOG_EVENT,
-                    "kestrune: Listener: Connection closed: disconnected or recv failed due to an error");
-            return false;
-        }
-    }
-    return true;
-}
-
-bool ls_receive_value(const ls_client_t *slot, uint32_t *value)
-{
-    uint8_t bytes[MSG_VALUE_SIZE];
-    if (!ls_receive(slot, bytes, sizeof bytes)) {
-        return false;
-    }
-    msg_reader_t in = msg_reader(bytes, sizeof bytes);
-    return msg_get_u32(&in, value);
-}
 
 void *ls_client_handler(void *argument)
 {
@@ -281,8 +280,8 @@ void ls_client_handler_cleanup(void *argument)
 {
     auto *slot = static_cast<ls_client_t *>(argument);
     KS_INFO(LOG_DETAIL, "kestrune: Listener: Terminating client handler");
-    rm_forget_client(slot->rm, slot->fd); // also when `registered` is 0: INFO ON may have been asked twice
-    slot->registered = 0;
+    ls_permit_close(slot->permits, &slot->permit);
+    rm_forget_client(slot->rm, slot->fd); // INFO ON may have been sent twice
     std::free(slot->reply);
     slot->reply = nullptr;
     close(slot->fd);

@@ -1,9 +1,9 @@
-#include "live_capture/live_capture.h"
+#include "live_capture/packet_path.h"
 
-#include "common/descriptor.h"
 #include "common/log.h"
 #include "common/memory.h"
 #include "common/thread.h"
+#include "storage/capture_file.h"
 #include "storage/pcap_writer.h"
 
 #include <algorithm>
@@ -14,9 +14,9 @@
 
 namespace {
 
-// Append the packet to the file of an item whose row is held; `now` is from before the look-up. 1 when it was
-// written. The host's packet threads may be cancellable, and a thread that died here would leave the row
-// held.
+// Append the packet to the file of an item whose row is held; `now` is from before the
+// look-up. 1 when it was written. The host's packet threads may be cancellable, and a thread
+// cancelled here would leave the row held.
 int write_locked(lc_item_t *item, const lc_packet_t &packet, time_t now)
 {
     if (item->error != 0 || item->packets >= item->packet_limit || now > item->end_time) {
@@ -33,8 +33,8 @@ int write_locked(lc_item_t *item, const lc_packet_t &packet, time_t now)
     return written ? 1 : 0;
 }
 
-// Offer the packet to the item of one of its addresses, when there is one that matches this side (SRC or
-// DST).
+// Offer the packet to the item of one of its addresses, if there is an item and it
+// matches this side (SRC or DST).
 int offer(fhf_table_t *table, const lc_packet_t &packet, uint32_t side)
 {
     const time_t now = time(nullptr);
@@ -48,6 +48,16 @@ int offer(fhf_table_t *table, const lc_packet_t &packet, uint32_t side)
     const int written = matches ? write_locked(item, packet, now) : 0;
     fhf_unlock(row);
     return written;
+}
+
+void log_removal(const ip_addr_text_t &addr)
+{
+    if (log_to_host(LOG_DEBUG)) {
+        verbose_msg(LOG_DEBUG, 1, "kestrune: Live capture: Removing rule for ip %s", addr.text);
+    } else if (log_to_stdout(LOG_DEBUG)) {
+        std::printf("Live capture: Removing rule for ip %s\n", addr.text);
+        std::fflush(stdout);
+    }
 }
 
 } // namespace
@@ -66,6 +76,42 @@ live_capture_t *lc_init()
         return nullptr;
     }
     return live;
+}
+
+void lc_clean_table(fhf_table_t *table)
+{
+    if (table == nullptr) {
+        return;
+    }
+    fhf_iter_t walk = fhf_begin(table);
+    const int cancel_state = thread_cancel_suspend();
+    while (fhf_get_next(&walk) == FHF_OK) {
+        ip_addr_t addr;
+        std::memcpy(addr.bytes, walk.key, sizeof addr.bytes);
+        log_removal(ip_addr_text(addr));
+        close(reinterpret_cast<lc_item_t *>(walk.data)->fd);
+        fhf_remove_iter(&walk);
+    }
+    thread_cancel_restore(cancel_state);
+}
+
+void lc_clean(live_capture_t *live)
+{
+    if (live != nullptr) {
+        lc_clean_table(live->ip_table);
+    }
+}
+
+void lc_destroy(live_capture_t *live)
+{
+    if (live == nullptr) {
+        return;
+    }
+    lc_clean(live);
+    if (live->ip_table != nullptr) {
+        fhf_destroy(live->ip_table);
+    }
+    std::free(live);
 }
 
 int lc_add_rule(live_capture_t *live, const ip_addr_t *addr, uint32_t direction, uint32_t packet_limit,
@@ -147,9 +193,21 @@ int lc_drop_rule(live_capture_t *live, const ip_addr_t *addr, uint32_t *packets)
     return item != nullptr ? LC_OK : LC_UNKNOWN;
 }
 
+int lc_addr_info(live_capture_t *live, const ip_addr_t *addr, lc_addr_info_t *info)
+{
+    fhf_lock_t *row;
+    const lc_item_t *item = lc_find_locked(live, addr, &row);
+    if (item == nullptr) {
+        return LC_UNKNOWN;
+    }
+    *info = {item->packets, item->packet_limit, item->end_time, item->start_time};
+    fhf_unlock(row);
+    return LC_OK;
+}
+
 int lc_filter_watched(live_capture_t *live, const lc_packet_t &packet)
 {
-    // Mostly one side has brought the packet here, either as often: it is told without a branch.
+    // Usually one side matched, each equally often; select it branch-free.
     fhf_table_t *table = live->ip_table;
     const auto src_may = static_cast<uint32_t>(fhf_may_hold(table, packet.places[SRC]));
     const auto dst_may = static_cast<uint32_t>(fhf_may_hold(table, packet.places[DST]));

@@ -1,4 +1,4 @@
-#include "live_capture/live_capture.h"
+#include "live_capture/live_state.h"
 
 #include "common/log.h"
 #include "common/progress.h"
@@ -12,11 +12,17 @@
 
 namespace {
 
-constexpr int64_t PERCENT_HERE = 99; // the most that a capture still in the table reports
+constexpr int64_t PERCENT_HERE = 99; // highest value for a capture still in the table
 
 bool is_running(const lc_item_t &item, time_t now)
 {
     return item.packets < item.packet_limit && now < item.end_time && item.error == 0;
+}
+
+// Whole seconds since its start; 0 when the clock has been set back since.
+int64_t elapsed(const lc_item_t &item, time_t now)
+{
+    return std::max<int64_t>(now - item.start_time, 0);
 }
 
 void log_closing(const ip_addr_text_t &addr, const lc_item_t &item, time_t now)
@@ -26,13 +32,13 @@ void log_closing(const ip_addr_text_t &addr, const lc_item_t &item, time_t now)
     }
     KS_INFO(LOG_EVENT,
             "kestrune: Live capture: Live capture of ip %s has reached the limit. Packets: %u , Time: %f s",
-            addr.text, item.packets, difftime(now, item.start_time));
+            addr.text, item.packets, static_cast<double>(elapsed(item, now)));
     if (item.error != 0) {
         KS_INFO(LOG_EVENT, "kestrune: Live capture: Closing file because of errno state");
     }
 }
 
-// Percent of a capture that stays: the larger of its packet and time shares.
+// Percent of a running capture: the larger of its packet and time shares.
 int8_t measure(const lc_item_t &item, time_t now)
 {
     const int64_t seconds = item.end_time - item.start_time;
@@ -40,7 +46,7 @@ int8_t measure(const lc_item_t &item, time_t now)
         return PERCENT_HERE;
     }
     const int64_t packet_share = int64_t{item.packets} * 100 / item.packet_limit;
-    const int64_t time_share = (now - item.start_time) * 100 / seconds;
+    const int64_t time_share = elapsed(item, now) * 100 / seconds;
     return static_cast<int8_t>(std::min(std::max(packet_share, time_share), PERCENT_HERE));
 }
 
@@ -67,16 +73,6 @@ uint64_t progress(live_capture_t *live, const ip_addr_t *addr, bool closing)
     return progress_value(PROGRESS_DONE, item.packets);
 }
 
-void log_removal(const ip_addr_text_t &addr)
-{
-    if (log_to_host(LOG_DEBUG)) {
-        verbose_msg(LOG_DEBUG, 1, "kestrune: Live capture: Removing rule for ip %s", addr.text);
-    } else if (log_to_stdout(LOG_DEBUG)) {
-        std::printf("Live capture: Removing rule for ip %s\n", addr.text);
-        std::fflush(stdout);
-    }
-}
-
 } // namespace
 
 uint64_t lc_progress(live_capture_t *live, const ip_addr_t *addr, uint32_t close_flag)
@@ -85,56 +81,4 @@ uint64_t lc_progress(live_capture_t *live, const ip_addr_t *addr, uint32_t close
     const uint64_t value = progress(live, addr, (close_flag & 1) != 0);
     thread_cancel_restore(cancel_state);
     return value;
-}
-
-int lc_addr_info(live_capture_t *live, const ip_addr_t *addr, lc_addr_info_t *info)
-{
-    fhf_lock_t *row;
-    const lc_item_t *item = lc_find_locked(live, addr, &row);
-    if (item == nullptr) {
-        return LC_UNKNOWN;
-    }
-    *info = {item->packets, item->packet_limit, item->end_time, item->start_time};
-    fhf_unlock(row);
-    return LC_OK;
-}
-
-void lc_clean_table(fhf_table_t *table)
-{
-    if (table == nullptr) {
-        return;
-    }
-    fhf_iter_t *iter = fhf_init_iter(table);
-    if (iter == nullptr) {
-        return;
-    }
-    const int cancel_state = thread_cancel_suspend();
-    while (fhf_get_next(iter) == FHF_OK) {
-        ip_addr_t addr;
-        std::memcpy(addr.bytes, iter->key, sizeof addr.bytes);
-        log_removal(ip_addr_text(addr));
-        close(reinterpret_cast<lc_item_t *>(iter->data)->fd);
-        fhf_remove_iter(iter);
-    }
-    fhf_destroy_iter(iter);
-    thread_cancel_restore(cancel_state);
-}
-
-void lc_clean(live_capture_t *live)
-{
-    if (live != nullptr) {
-        lc_clean_table(live->ip_table);
-    }
-}
-
-void lc_destroy(live_capture_t *live)
-{
-    if (live == nullptr) {
-        return;
-    }
-    lc_clean(live);
-    if (live->ip_table != nullptr) {
-        fhf_destroy(live->ip_table);
-    }
-    std::free(live);
 }

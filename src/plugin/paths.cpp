@@ -13,7 +13,7 @@ constexpr char SCRIPT_FOLDER[] = "/usr/bin/kestrune";
 
 char *owned_export_path = nullptr; // ks_exp_file_path when the plugin allocated it, else null
 
-// Replace the export path by a copy that ends in '/'. False without memory.
+// Replace the export path with a copy that ends in '/'. False without memory.
 bool append_slash(size_t length)
 {
     auto *path = static_cast<char *>(std::calloc(length + 2, 1));

@@ -1,6 +1,8 @@
 #include "plugin/plugin.h"
 
 #include "common/log.h"
+#include "history_capture/packet_path.h"
+#include "live_capture/packet_path.h"
 #include "plugin/paths.h"
 
 #include <cerrno>
@@ -9,7 +11,7 @@
 
 namespace {
 
-bool start_failed = false; // the last start left its paths behind
+bool start_failed = false; // the last start left its paths allocated
 
 // Parse the parameter string into the settings, *port and *script. False after logging why.
 bool parse_parameters(const char *params, char **port, char **script)
@@ -35,12 +37,28 @@ bool parse_parameters(const char *params, char **port, char **script)
     return true;
 }
 
-// One history capture and one instance per queue; the configured memory is divided evenly. False after
-// logging that one could not be created.
+// Warn when the administrator's size exceeds what is available. It is used all the
+// same where the kernel grants it.
+void compare_with_available(uint64_t total)
+{
+    const uint64_t available = ring_memory_available();
+    if (total > available) {
+        KS_ERROR(
+            "kestrune: Plugin: buffer_size is %lu MB and %lu MB of memory are available for it: once the "
+            "history fills, the system may kill the host",
+            total >> 20, available >> 20);
+    }
+}
+
+// One history capture and one instance per queue, with the configured memory divided evenly. False after
+// logging which one could not be created.
 bool create_queues(plugin_private_t *plugin, int32_t queue_count)
 {
     const auto total = static_cast<uint64_t>(static_cast<int64_t>(default_buffer_size) << 20);
     const uint64_t ring_size = total / static_cast<uint64_t>(queue_count);
+    if (total > 0) {
+        compare_with_available(total);
+    }
     for (int32_t i = 0; i < queue_count; i++) {
         plugin->instances[i].live = plugin->live;
         plugin->history[i] = hc_init(ring_size);
@@ -54,7 +72,8 @@ bool create_queues(plugin_private_t *plugin, int32_t queue_count)
     return true;
 }
 
-// Everything that plugin owns, in order. False after logging why; what was created stays for the teardown.
+// Create everything that plugin owns, in order. False after logging why; the teardown
+// releases what was created.
 bool create_parts(plugin_private_t *plugin, const char *port, int32_t queue_count)
 {
     plugin->live = lc_init();
@@ -85,7 +104,7 @@ bool create_parts(plugin_private_t *plugin, const char *port, int32_t queue_coun
     return true;
 }
 
-// Settings from the parameters. False after logging why.
+// Set the settings from the parameters. False after logging why.
 bool prepare_settings(const char *params, int32_t queue_count, char **port)
 {
     char *script = nullptr;
@@ -123,16 +142,43 @@ plugin_private_t *start(const char *params, int32_t queue_count)
     return plugin;
 }
 
-// Offer a packet to the live capture and, where that did not take it and its flow is light, to the history.
-// Inline, so that it is compiled once for each kind of address: the hash of an IPv4 key is half known then.
-[[gnu::always_inline]] inline void offer(plugin_instance_t *instance, const host_flow_t *flow,
-                                         const host_packet_t *packet, const ip_addr_t &src,
-                                         const ip_addr_t &dst)
+inline hc_ends_t ipv4_ends(const host_header_t *header)
 {
+    return {ip_addr_from_ipv4(header->addr.ipv4.src), ip_addr_from_ipv4(header->addr.ipv4.dst)};
+}
+
+inline hc_ends_t ipv6_ends(const host_header_t *header)
+{
+    return {ip_addr_from_ipv6(header->addr.ipv6.src), ip_addr_from_ipv6(header->addr.ipv6.dst)};
+}
+
+// Offer a packet to the live capture and, if that did not take it and its flow is light, to the history.
+// False: a rule was released to the ring after the live capture was asked, so the live capture may take the
+// packet now (history_capture.h). `offers` is read for heavy flows too: a branch would cost every packet
+// more. Inline, so that each kind of address gets its own compiled copy: half of an IPv4 key's hash is then
+// known, as long as the keys are made after `offers` is read.
+template <hc_ends_t ENDS(const host_header_t *)>
+[[gnu::always_inline]] inline bool offer(plugin_instance_t *instance, const host_flow_t *flow,
+                                         const host_packet_t *packet)
+{
+    const uint64_t offers = hc_offers(instance->history); // before the look
+    const hc_ends_t ends = ENDS(packet->header);
     const uint64_t timestamp = packet->header->timestamp;
-    if (lc_filter(instance->live, &src, &dst, packet->data, packet->length, timestamp) == 0 &&
-        flow->packets < heavy_size() && hc_is_enabled(instance->history)) {
-        hc_enqueue(instance->history, &src, &dst, packet->data, packet->length, timestamp);
+    if (lc_filter(instance->live, &ends.src, &ends.dst, packet->data, packet->length, timestamp) != 0 ||
+        flow->packets >= heavy_size() || !hc_may_store(offers)) {
+        return true;
+    }
+    return hc_enqueue_compared(instance->history, &ends, packet->data, packet->length, timestamp, offers) !=
+           HC_LOOK_AGAIN;
+}
+
+// Repeats as often as rules are released meanwhile. Not inlined: a loop would take
+// registers from every packet.
+template <hc_ends_t ENDS(const host_header_t *)>
+[[gnu::noinline, gnu::cold]] void offer_again(plugin_instance_t *instance, const host_flow_t *flow,
+                                              const host_packet_t *packet)
+{
+    while (!offer<ENDS>(instance, flow, packet)) {
     }
 }
 
@@ -164,13 +210,11 @@ void plugin_process_update(plugin_instance_t *instance, const host_flow_t *flow,
     if (packet->data == nullptr) {
         return;
     }
-    const host_header_t *header = packet->header;
-    if (header->ip_version == 4) {
-        offer(instance, flow, packet, ip_addr_from_ipv4(header->addr.ipv4.src),
-              ip_addr_from_ipv4(header->addr.ipv4.dst));
-    } else if (header->ip_version == 6) {
-        offer(instance, flow, packet, ip_addr_from_ipv6(header->addr.ipv6.src),
-              ip_addr_from_ipv6(header->addr.ipv6.dst));
+    const uint8_t version = packet->header->ip_version;
+    if (version == 4 && !offer<ipv4_ends>(instance, flow, packet)) [[unlikely]] {
+        offer_again<ipv4_ends>(instance, flow, packet);
+    } else if (version == 6 && !offer<ipv6_ends>(instance, flow, packet)) [[unlikely]] {
+        offer_again<ipv6_ends>(instance, flow, packet);
     }
 }
 

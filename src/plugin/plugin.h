@@ -1,12 +1,12 @@
-// The plugin as the host sees it: the six entry points, and the root of everything that one start creates.
+// The plugin as the host sees it: the six entry points, and the root of everything that a start creates.
 //
 //   not loaded -> running (plugin_process_init returned a structure) -> gone (plugin_process_shutdown)
 //
-// Threads: plugin_process_init and plugin_process_shutdown run on the host's thread while no packet is handed
-// over. plugin_process_update runs on the host's queue threads, one per queue, all at once: it touches its
-// own queue's history capture and the live capture that all share. Ownership: plugin_private_t owns what it
-// points to. The host keeps borrowed plugin_instance_t pointers between plugin_process_init_queue and
-// plugin_process_shutdown.
+// Threads: plugin_process_init and plugin_process_shutdown run on the host's thread while no packet is
+// handed over. plugin_process_update runs on the host's queue threads, one per queue, all at once: it
+// touches its own queue's history capture and the live capture that all share. Ownership: plugin_private_t
+// owns what it points to. The host keeps borrowed plugin_instance_t pointers between
+// plugin_process_init_queue and plugin_process_shutdown.
 #pragma once
 
 #include "common/export.h"
@@ -17,7 +17,7 @@
 
 #include <cstdint>
 
-constexpr int32_t MAX_QUEUES = RM_MAX_QUEUES; // what the listener takes
+constexpr int32_t MAX_QUEUES = LS_MAX_QUEUES; // what the listener takes
 
 // One per queue; what the packet path needs, copied together.
 struct plugin_instance_t {
@@ -36,9 +36,9 @@ struct plugin_private_t {
 // Name, help text and the host's own numbers. Static.
 KS_EXPORT plugin_desc_t *plugin_process_desc();
 
-// Start. params is the host's parameter string, queue_count the number of queues (1 to MAX_QUEUES). Null
-// after logging why, with nothing left running; the next start or the shutdown releases the paths of a failed
-// one.
+// Start. params is the host's parameter string, queue_count the number of queues (1 to
+// MAX_QUEUES). Null after logging why, with nothing left running; the next start or the
+// shutdown releases the paths of a failed one.
 KS_EXPORT plugin_private_t *plugin_process_init(const char *params, const void *host_1, const void *host_2,
                                                 int32_t queue_count);
 

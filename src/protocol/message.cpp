@@ -1,6 +1,19 @@
 #include "protocol/message.h"
 
+#include <tuple>
+
 namespace {
+
+bool put(msg_writer_t *out, const ip_addr_t &addr)
+{
+    return msg_put_bytes(out, addr.bytes, sizeof addr.bytes);
+}
+
+bool get(msg_reader_t *in, ip_addr_t *addr)
+{
+    *addr = {};
+    return msg_get_bytes(in, addr->bytes, sizeof addr->bytes);
+}
 
 template <typename T>
 bool put(msg_writer_t *out, T value)
@@ -25,15 +38,78 @@ bool get(msg_reader_t *in, T *value)
     return read;
 }
 
-// Reads an update's type byte; any other type than the wanted one fails the cursor.
-bool get_type(msg_reader_t *in, uint8_t type)
+// The layout of a message: its fields in wire order, each with the size of its type, preceded by the type
+// byte of an update. Encoder and decoder both follow it.
+template <typename... Field>
+struct layout_t {
+    int type; // msg_update code of the first byte; NO_TYPE: the message has no such byte
+    std::tuple<Field...> fields;
+};
+constexpr int NO_TYPE = -1;
+
+template <typename... Field>
+constexpr layout_t<Field...> layout_of(int type, Field... fields)
 {
-    uint8_t found = 0;
-    if (msg_get_u8(in, &found) && found != type) {
-        in->failed = true;
-    }
-    return !in->failed;
+    return {type, {fields...}};
 }
+
+template <typename Message>
+constexpr auto LAYOUT = nullptr;
+
+template <>
+constexpr auto LAYOUT<msg_header_t> = layout_of(NO_TYPE, &msg_header_t::version_major,
+                                                &msg_header_t::version_minor, &msg_header_t::code,
+                                                &msg_header_t::target);
+template <>
+constexpr auto LAYOUT<msg_add_t> = layout_of(NO_TYPE, &msg_add_t::addr, &msg_add_t::packet_limit,
+                                             &msg_add_t::time_limit_s, &msg_add_t::name_length);
+template <>
+constexpr auto LAYOUT<msg_ip_list_item_t> = layout_of(NO_TYPE, &msg_ip_list_item_t::addr,
+                                                      &msg_ip_list_item_t::direction);
+template <>
+constexpr auto
+    LAYOUT<msg_ip_detail_t> = layout_of(NO_TYPE, &msg_ip_detail_t::addr, &msg_ip_detail_t::direction,
+                                        &msg_ip_detail_t::history_progress, &msg_ip_detail_t::packets,
+                                        &msg_ip_detail_t::packet_limit, &msg_ip_detail_t::elapsed_s,
+                                        &msg_ip_detail_t::time_limit_s, &msg_ip_detail_t::name_length);
+template <>
+constexpr auto
+    LAYOUT<msg_hb_info_t> = layout_of(NO_TYPE, &msg_hb_info_t::queue_count, &msg_hb_info_t::packets,
+                                      &msg_hb_info_t::time_span_avg_s, &msg_hb_info_t::time_span_min_s,
+                                      &msg_hb_info_t::time_span_max_s, &msg_hb_info_t::rules,
+                                      &msg_hb_info_t::heavy_size, &msg_hb_info_t::size, &msg_hb_info_t::free);
+template <>
+constexpr auto LAYOUT<msg_update_incident_t> = layout_of(msg_update::INCIDENT,
+                                                         &msg_update_incident_t::rule_id,
+                                                         &msg_update_incident_t::addr);
+template <>
+constexpr auto LAYOUT<msg_update_capture_t> = layout_of(msg_update::CAPTURE, &msg_update_capture_t::rule_id,
+                                                        &msg_update_capture_t::progress);
+template <>
+constexpr auto LAYOUT<msg_update_visual_t> = layout_of(msg_update::VISUAL, &msg_update_visual_t::rule_id,
+                                                       &msg_update_visual_t::history_packets,
+                                                       &msg_update_visual_t::live_packets,
+                                                       &msg_update_visual_t::history_length,
+                                                       &msg_update_visual_t::live_length);
+
+// Bytes of a message on the wire.
+template <typename Message>
+constexpr uint32_t size_of()
+{
+    const uint32_t type_size = LAYOUT<Message>.type == NO_TYPE ? 0 : MSG_UPDATE_TYPE_SIZE;
+    return std::apply(
+        [&](auto... field) {
+            return (type_size + ... + static_cast<uint32_t>(sizeof(std::declval<Message &>().*field)));
+        },
+        LAYOUT<Message>.fields);
+}
+static_assert(size_of<msg_header_t>() == MSG_HEADER_SIZE && size_of<msg_add_t>() == MSG_ADD_SIZE);
+static_assert(size_of<msg_ip_list_item_t>() == MSG_IP_LIST_ITEM_SIZE);
+static_assert(size_of<msg_ip_detail_t>() == MSG_IP_DETAIL_SIZE &&
+              size_of<msg_hb_info_t>() == MSG_HB_INFO_SIZE);
+static_assert(size_of<msg_update_incident_t>() == MSG_UPDATE_INCIDENT_SIZE);
+static_assert(size_of<msg_update_capture_t>() == MSG_UPDATE_CAPTURE_SIZE);
+static_assert(size_of<msg_update_visual_t>() == MSG_UPDATE_VISUAL_SIZE);
 
 } // namespace
 
@@ -63,26 +139,6 @@ bool msg_get_bytes(msg_reader_t *in, void *bytes, uint32_t size)
     return true;
 }
 
-bool msg_put_u8(msg_writer_t *out, uint8_t value)
-{
-    return put(out, value);
-}
-
-bool msg_get_u8(msg_reader_t *in, uint8_t *value)
-{
-    return get(in, value);
-}
-
-bool msg_put_u16(msg_writer_t *out, uint16_t value)
-{
-    return put(out, value);
-}
-
-bool msg_get_u16(msg_reader_t *in, uint16_t *value)
-{
-    return get(in, value);
-}
-
 bool msg_put_u32(msg_writer_t *out, uint32_t value)
 {
     return put(out, value);
@@ -93,165 +149,40 @@ bool msg_get_u32(msg_reader_t *in, uint32_t *value)
     return get(in, value);
 }
 
-bool msg_put_u64(msg_writer_t *out, uint64_t value)
-{
-    return put(out, value);
-}
-
-bool msg_get_u64(msg_reader_t *in, uint64_t *value)
-{
-    return get(in, value);
-}
-
-bool msg_put_addr(msg_writer_t *out, const ip_addr_t &addr)
-{
-    return msg_put_bytes(out, addr.bytes, sizeof addr.bytes);
-}
-
 bool msg_get_addr(msg_reader_t *in, ip_addr_t *addr)
 {
-    *addr = {};
-    return msg_get_bytes(in, addr->bytes, sizeof addr->bytes);
+    return get(in, addr);
 }
 
-bool msg_encode_header(msg_writer_t *out, const msg_header_t &header)
+template <typename Message>
+bool msg_encode(msg_writer_t *out, const Message &message)
 {
-    msg_put_u8(out, header.version_major);
-    msg_put_u8(out, header.version_minor);
-    msg_put_u8(out, header.code);
-    return msg_put_u8(out, header.target);
+    if constexpr (LAYOUT<Message>.type != NO_TYPE) {
+        put(out, static_cast<uint8_t>(LAYOUT<Message>.type));
+    }
+    std::apply([&](auto... field) { (put(out, message.*field), ...); }, LAYOUT<Message>.fields);
+    return !out->failed;
 }
 
-bool msg_decode_header(msg_reader_t *in, msg_header_t *header)
+template <typename Message>
+bool msg_decode(msg_reader_t *in, Message *message)
 {
-    msg_get_u8(in, &header->version_major);
-    msg_get_u8(in, &header->version_minor);
-    msg_get_u8(in, &header->code);
-    return msg_get_u8(in, &header->target);
+    if constexpr (LAYOUT<Message>.type != NO_TYPE) {
+        uint8_t type = 0;
+        in->failed |= !get(in, &type) || type != LAYOUT<Message>.type;
+    }
+    std::apply([&](auto... field) { (get(in, &(message->*field)), ...); }, LAYOUT<Message>.fields);
+    return !in->failed;
 }
 
-bool msg_encode_add(msg_writer_t *out, const msg_add_t &add)
-{
-    msg_put_addr(out, add.addr);
-    msg_put_u32(out, add.packet_limit);
-    msg_put_u32(out, add.time_limit_s);
-    return msg_put_u8(out, add.name_length);
-}
-
-bool msg_decode_add(msg_reader_t *in, msg_add_t *add)
-{
-    msg_get_addr(in, &add->addr);
-    msg_get_u32(in, &add->packet_limit);
-    msg_get_u32(in, &add->time_limit_s);
-    return msg_get_u8(in, &add->name_length);
-}
-
-bool msg_encode_ip_list_item(msg_writer_t *out, const msg_ip_list_item_t &item)
-{
-    msg_put_addr(out, item.addr);
-    return msg_put_u8(out, item.direction);
-}
-
-bool msg_decode_ip_list_item(msg_reader_t *in, msg_ip_list_item_t *item)
-{
-    msg_get_addr(in, &item->addr);
-    return msg_get_u8(in, &item->direction);
-}
-
-bool msg_encode_ip_detail(msg_writer_t *out, const msg_ip_detail_t &detail)
-{
-    msg_put_addr(out, detail.addr);
-    msg_put_u8(out, detail.direction);
-    msg_put_u8(out, detail.history_progress);
-    msg_put_u32(out, detail.packets);
-    msg_put_u32(out, detail.packet_limit);
-    msg_put_u32(out, detail.elapsed_s);
-    msg_put_u32(out, detail.time_limit_s);
-    return msg_put_u8(out, detail.name_length);
-}
-
-bool msg_decode_ip_detail(msg_reader_t *in, msg_ip_detail_t *detail)
-{
-    msg_get_addr(in, &detail->addr);
-    msg_get_u8(in, &detail->direction);
-    msg_get_u8(in, &detail->history_progress);
-    msg_get_u32(in, &detail->packets);
-    msg_get_u32(in, &detail->packet_limit);
-    msg_get_u32(in, &detail->elapsed_s);
-    msg_get_u32(in, &detail->time_limit_s);
-    return msg_get_u8(in, &detail->name_length);
-}
-
-bool msg_encode_hb_info(msg_writer_t *out, const msg_hb_info_t &info)
-{
-    msg_put_u32(out, info.queue_count);
-    msg_put_u32(out, info.packets);
-    msg_put_u32(out, info.time_span_avg_s);
-    msg_put_u32(out, info.time_span_min_s);
-    msg_put_u32(out, info.time_span_max_s);
-    msg_put_u32(out, info.rules);
-    msg_put_u32(out, info.heavy_size);
-    msg_put_u64(out, info.size);
-    return msg_put_u64(out, info.free);
-}
-
-bool msg_decode_hb_info(msg_reader_t *in, msg_hb_info_t *info)
-{
-    msg_get_u32(in, &info->queue_count);
-    msg_get_u32(in, &info->packets);
-    msg_get_u32(in, &info->time_span_avg_s);
-    msg_get_u32(in, &info->time_span_min_s);
-    msg_get_u32(in, &info->time_span_max_s);
-    msg_get_u32(in, &info->rules);
-    msg_get_u32(in, &info->heavy_size);
-    msg_get_u64(in, &info->size);
-    return msg_get_u64(in, &info->free);
-}
-
-bool msg_encode_update_incident(msg_writer_t *out, const msg_update_incident_t &update)
-{
-    msg_put_u8(out, msg_update::INCIDENT);
-    msg_put_u32(out, update.rule_id);
-    return msg_put_addr(out, update.addr);
-}
-
-bool msg_decode_update_incident(msg_reader_t *in, msg_update_incident_t *update)
-{
-    get_type(in, msg_update::INCIDENT);
-    msg_get_u32(in, &update->rule_id);
-    return msg_get_addr(in, &update->addr);
-}
-
-bool msg_encode_update_capture(msg_writer_t *out, const msg_update_capture_t &update)
-{
-    msg_put_u8(out, msg_update::CAPTURE);
-    msg_put_u32(out, update.rule_id);
-    return msg_put_u8(out, update.progress);
-}
-
-bool msg_decode_update_capture(msg_reader_t *in, msg_update_capture_t *update)
-{
-    get_type(in, msg_update::CAPTURE);
-    msg_get_u32(in, &update->rule_id);
-    return msg_get_u8(in, &update->progress);
-}
-
-bool msg_encode_update_visual(msg_writer_t *out, const msg_update_visual_t &update)
-{
-    msg_put_u8(out, msg_update::VISUAL);
-    msg_put_u32(out, update.rule_id);
-    msg_put_u32(out, update.history_packets);
-    msg_put_u32(out, update.live_packets);
-    msg_put_u16(out, update.history_length);
-    return msg_put_u16(out, update.live_length);
-}
-
-bool msg_decode_update_visual(msg_reader_t *in, msg_update_visual_t *update)
-{
-    get_type(in, msg_update::VISUAL);
-    msg_get_u32(in, &update->rule_id);
-    msg_get_u32(in, &update->history_packets);
-    msg_get_u32(in, &update->live_packets);
-    msg_get_u16(in, &update->history_length);
-    return msg_get_u16(in, &update->live_length);
-}
+#define INSTANTIATE(Message)                                                                                 \
+    template bool msg_encode(msg_writer_t *, const Message &);                                               \
+    template bool msg_decode(msg_reader_t *, Message *);
+INSTANTIATE(msg_header_t)
+INSTANTIATE(msg_add_t)
+INSTANTIATE(msg_ip_list_item_t)
+INSTANTIATE(msg_ip_detail_t)
+INSTANTIATE(msg_hb_info_t)
+INSTANTIATE(msg_update_incident_t)
+INSTANTIATE(msg_update_capture_t)
+INSTANTIATE(msg_update_visual_t)

@@ -1,12 +1,11 @@
-// The control protocol, version 0.9: its codes, its messages and their bytes. docs/protocol.md describes the
-// conversation for someone who writes a client; this header and message.cpp are the one place in the code
-// that knows the layouts, for the plugin and for its clients.
+// The control protocol, version 0.9: its codes, its messages and their bytes. docs/protocol.md
+// describes the conversation for authors of clients. Only this header and message.cpp know the
+// layouts, for the plugin and for its clients.
 //
-// A structure here holds decoded values and is never cast onto the wire. Every message has one encoder and
-// one decoder, side by side, which go through a cursor over the caller's bytes: msg_writer_t and
-// msg_reader_t. A cursor never leaves its bytes; once it was asked for more than is left it stays failed,
-// does nothing more, and every later step answers false, so that only the last answer of a chain needs a
-// look.
+// A structure here holds decoded values and is never cast onto the wire. message.cpp lists the fields of each
+// message once; encoder and decoder follow that list through a cursor over the caller's bytes: msg_writer_t
+// and msg_reader_t. A cursor never leaves its bytes. A request for more than is left makes it fail; it stays
+// failed and does nothing more, so a chain of steps needs one check at its end.
 //
 // Integers are little-endian on the wire, addresses are the 16 bytes of ip_addr_t unchanged, there is no
 // padding. Names and file names follow their fixed part without a terminator (msg_put_bytes, msg_get_bytes).
@@ -77,13 +76,6 @@ constexpr uint32_t MSG_NAME_WIRE_MAX = 255;   // longest name that a length byte
 constexpr uint32_t MSG_TEXT_WIRE_MAX = 65535; // longest text that a VISUAL can announce
 
 static_assert(MSG_ADDR_SIZE == sizeof(ip_addr_t));
-static_assert(MSG_ADD_SIZE == MSG_ADDR_SIZE + 4 + 4 + 1);
-static_assert(MSG_IP_LIST_ITEM_SIZE == MSG_ADDR_SIZE + 1);
-static_assert(MSG_IP_DETAIL_SIZE == MSG_ADDR_SIZE + 1 + 1 + 4 * 4 + 1);
-static_assert(MSG_HB_INFO_SIZE == 7 * 4 + 2 * 8);
-static_assert(MSG_UPDATE_INCIDENT_SIZE == MSG_UPDATE_TYPE_SIZE + 4 + MSG_ADDR_SIZE);
-static_assert(MSG_UPDATE_CAPTURE_SIZE == MSG_UPDATE_TYPE_SIZE + 4 + 1);
-static_assert(MSG_UPDATE_VISUAL_SIZE == MSG_UPDATE_TYPE_SIZE + 3 * 4 + 2 * 2);
 
 // First four bytes of every message in both directions.
 struct msg_header_t {
@@ -123,13 +115,13 @@ struct msg_ip_detail_t {
 struct msg_hb_info_t {
     uint32_t queue_count;
     uint32_t packets;         // records in all rings
-    uint32_t time_span_avg_s; // seconds that a ring reaches back: average,
+    uint32_t time_span_avg_s; // seconds that a ring reaches back: average of the queues,
     uint32_t time_span_min_s; // smallest
-    uint32_t time_span_max_s; // and largest of the queues
+    uint32_t time_span_max_s; // largest
     uint32_t rules;           // largest number of new rules waiting in one queue
     uint32_t heavy_size;      // hc_heavy_size, packets
     uint64_t size;            // bytes of all rings
-    uint64_t free;            // bytes of these that hold nothing
+    uint64_t free;            // bytes of these not in use
 };
 
 // UPDATE: a rule was created.
@@ -195,37 +187,18 @@ inline bool msg_version_supported(const msg_header_t &header)
     return header.version_major == MSG_VERSION_MAJOR && header.version_minor == MSG_VERSION_MINOR;
 }
 
-// The cursors' steps. Each moves the cursor by its whole size or fails it; on failure a reader's output is
-// zero (msg_get_bytes leaves it untouched). size may be 0 with a null pointer.
-bool msg_put_u8(msg_writer_t *out, uint8_t value);
-bool msg_get_u8(msg_reader_t *in, uint8_t *value);
-bool msg_put_u16(msg_writer_t *out, uint16_t value);
-bool msg_get_u16(msg_reader_t *in, uint16_t *value);
+// The cursors' steps. Each advances the cursor by its whole size or makes it fail; on failure a reader's
+// output is zero (msg_get_bytes leaves it unchanged). size may be 0 with a null pointer.
 bool msg_put_u32(msg_writer_t *out, uint32_t value);
 bool msg_get_u32(msg_reader_t *in, uint32_t *value);
-bool msg_put_u64(msg_writer_t *out, uint64_t value);
-bool msg_get_u64(msg_reader_t *in, uint64_t *value);
-bool msg_put_addr(msg_writer_t *out, const ip_addr_t &addr);
 bool msg_get_addr(msg_reader_t *in, ip_addr_t *addr);
 bool msg_put_bytes(msg_writer_t *out, const void *bytes, uint32_t size);
 bool msg_get_bytes(msg_reader_t *in, void *bytes, uint32_t size);
 
-// One pair per message: true when the cursor has not failed. An encoder of a message that does not fit writes
-// part of it at most; look at the result before sending. The decoders check sizes and, for the updates, the
-// type byte; what a value means (a version, a direction, a percentage) is the caller's to check.
-bool msg_encode_header(msg_writer_t *out, const msg_header_t &header);
-bool msg_decode_header(msg_reader_t *in, msg_header_t *header);
-bool msg_encode_add(msg_writer_t *out, const msg_add_t &add);
-bool msg_decode_add(msg_reader_t *in, msg_add_t *add);
-bool msg_encode_ip_list_item(msg_writer_t *out, const msg_ip_list_item_t &item);
-bool msg_decode_ip_list_item(msg_reader_t *in, msg_ip_list_item_t *item);
-bool msg_encode_ip_detail(msg_writer_t *out, const msg_ip_detail_t &detail);
-bool msg_decode_ip_detail(msg_reader_t *in, msg_ip_detail_t *detail);
-bool msg_encode_hb_info(msg_writer_t *out, const msg_hb_info_t &info);
-bool msg_decode_hb_info(msg_reader_t *in, msg_hb_info_t *info);
-bool msg_encode_update_incident(msg_writer_t *out, const msg_update_incident_t &update);
-bool msg_decode_update_incident(msg_reader_t *in, msg_update_incident_t *update);
-bool msg_encode_update_capture(msg_writer_t *out, const msg_update_capture_t &update);
-bool msg_decode_update_capture(msg_reader_t *in, msg_update_capture_t *update);
-bool msg_encode_update_visual(msg_writer_t *out, const msg_update_visual_t &update);
-bool msg_decode_update_visual(msg_reader_t *in, msg_update_visual_t *update);
+// For each of the messages above: true when the cursor has not failed. msg_encode writes part of a message
+// that does not fit, so check the result before sending. msg_decode checks sizes and the type byte of an
+// update. The caller checks the values (a version, a direction, a percentage).
+template <typename Message>
+bool msg_encode(msg_writer_t *out, const Message &message);
+template <typename Message>
+bool msg_decode(msg_reader_t *in, Message *message);

@@ -1,6 +1,7 @@
 #include "rules_manager/capture_script.h"
 
 #include "common/log.h"
+#include "common/printable.h"
 #include "common/settings.h"
 #include "common/thread.h"
 #include "rules_manager/rule_files.h"
@@ -10,16 +11,20 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <poll.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+std::atomic<int32_t> rm_script_notice_ms{RM_SCRIPT_NOTICE_MS};
 
 namespace {
 
 constexpr char SHELL[] = "/bin/sh";
 constexpr int SHELL_NOT_RUN = 127 << 8; // wait status
 
-// A text that is composed in a buffer. What does not fit is counted and not written.
+// A text composed in a buffer. What does not fit is counted but not written.
 struct text_t {
     char *bytes;
     size_t size;   // with the terminator
@@ -40,7 +45,7 @@ void append(text_t *text, const char *part)
     append(text, part, std::strlen(part));
 }
 
-// For the inside of double quotes of a shell command.
+// Escape for use inside double quotes of a shell command.
 void append_escaped(text_t *text, const char *part)
 {
     for (; *part != '\0'; part++) {
@@ -89,7 +94,7 @@ void put_history_list(text_t *text, const rm_rule_t *rule, uint32_t queue_count)
     }
 }
 
-// Make room for a text in rm->filenames; what it held is lost when it has to grow.
+// Make room for a text in rm->filenames; growing loses what it held.
 bool grow_filenames(rules_manager_t *rm, size_t size)
 {
     std::free(rm->filenames);
@@ -123,10 +128,10 @@ bool compose(rules_manager_t *rm, const rm_rule_t *rule, put_t put)
     return true;
 }
 
-// The shell with the command as a child; -1 when there is none, with the result for it in *result.
+// Start the shell with the command as a child. -1 when that fails, with the result to report in *result.
 pid_t spawn_shell(const char *command, int *result)
 {
-    // posix_spawn takes the arguments as changeable and does not change them.
+    // posix_spawn does not change its arguments, although it takes them as non-const.
     char *const arguments[] = {const_cast<char *>("sh"), const_cast<char *>("-c"),
                                const_cast<char *>(command), nullptr};
     sigset_t none;
@@ -149,10 +154,34 @@ pid_t spawn_shell(const char *command, int *result)
     if (error == 0) {
         return child;
     }
-    if (error != EAGAIN && error != ENOMEM) { // of the exec, not of the fork
+    if (error != EAGAIN && error != ENOMEM) { // exec failed, not fork
         *result = SHELL_NOT_RUN;
     }
     return -1;
+}
+
+void close_descriptor(void *fd)
+{
+    close(*static_cast<int *>(fd));
+}
+
+// Whether the process still runs after this time. Can be cancelled while it waits. False also where the
+// kernel has no process descriptors.
+bool runs_longer(pid_t child, int milliseconds)
+{
+    int fd =
+        static_cast<int>(syscall(SYS_pidfd_open, child, 0)); // close-on-exec; some C libraries lack a wrapper
+    if (fd < 0) {
+        return false;
+    }
+    int ended = 0;
+    pthread_cleanup_push(close_descriptor, &fd);
+    pollfd process = {fd, POLLIN, 0};
+    thread_cancel_enable();
+    ended = poll(&process, 1, milliseconds);
+    thread_cancel_disable();
+    pthread_cleanup_pop(1);
+    return ended == 0;
 }
 
 } // namespace
@@ -170,7 +199,7 @@ bool rm_compose_history_list(rules_manager_t *rm, const rm_rule_t *rule)
 int rm_run_command(const char *command, pid_t *running)
 {
     thread_cancel_enable();
-    pthread_testcancel(); // do not begin what would be killed at once
+    pthread_testcancel(); // do not start what would be killed at once
     thread_cancel_disable();
     int result = -1;
     const pid_t child = spawn_shell(command, &result);
@@ -178,20 +207,31 @@ int rm_run_command(const char *command, pid_t *running)
         return result;
     }
     *running = child;
+    if (runs_longer(child, rm_script_notice_ms.load())) {
+        printable_t space;
+        KS_ERROR(
+            "kestrune: Rules_manager: The capture script still runs after %d s, no other rule is finished "
+            "meanwhile: '%s'",
+            rm_script_notice_ms.load() / 1000, printable(command, &space));
+    }
     siginfo_t ended;
     thread_cancel_enable();
-    // Does not reap: a cancellation at its very end still finds the process under its number.
+    // Does not reap: after a cancellation at its end, the process still exists under its number.
     while (waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT) == -1 && errno == EINTR) {
     }
     thread_cancel_disable();
     *running = 0;
-    return waitpid(child, &result, 0) == child ? result : -1;
+    pid_t reaped = -1;
+    do {
+        reaped = waitpid(child, &result, 0);
+    } while (reaped == -1 && errno == EINTR);
+    return reaped == child ? result : -1;
 }
 
 void rm_kill_command(pid_t running)
 {
     kill(-running, SIGKILL);
-    kill(running, SIGKILL); // it may have moved to another group, and is waited for
+    kill(running, SIGKILL); // it may have moved to another group, and is reaped below
     while (waitpid(running, nullptr, 0) == -1 && errno == EINTR) {
     }
 }

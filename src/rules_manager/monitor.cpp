@@ -12,13 +12,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <poll.h>
 
 std::atomic<uint32_t> rm_pass_pause_ms{RM_PASS_PAUSE_MS};
 
 namespace {
 
-// What a pass owns: a cancellation in its second phase has to release it.
+// What a pass owns. A cancellation in its second phase must release it.
 struct pass_t {
     rules_manager_t *rm;
     rm_rule_t *finished; // owned list, last found first
@@ -80,7 +79,7 @@ void update_history_progress(rules_manager_t *rm, rm_rule_t *rule, const char *a
             addr_text, static_cast<unsigned>(minimum), sum + rule->hist_packets);
 }
 
-// The total progress of the rule's captures, after asking them.
+// The total progress of the rule's captures, updated from them.
 int8_t update_progress(rules_manager_t *rm, rm_rule_t *rule) KS_REQUIRES(rm->lock)
 {
     ip_addr_text_t addr = {};
@@ -100,8 +99,8 @@ int8_t update_progress(rules_manager_t *rm, rm_rule_t *rule) KS_REQUIRES(rm->loc
     return total;
 }
 
-// First phase: every rule's progress; the finished rules, taken out of the list, go to *finished. The number
-// of registered clients.
+// First phase: update every rule's progress and unlink the finished rules into *finished.
+// Returns the number of registered clients.
 int32_t take_finished(rules_manager_t *rm, rm_rule_t **finished)
 {
     rm_capture_batch_t batch = {};
@@ -175,7 +174,7 @@ void abandon(void *argument)
     }
 }
 
-// Second phase: the finished rules one by one, each in the pass's hands until it is released.
+// Second phase: handle the finished rules one by one. The pass owns each until it is released.
 void finish_rules(pass_t *pass, int32_t client_count)
 {
     while (pass->finished != nullptr) {
@@ -201,10 +200,9 @@ void rm_check_and_update(rules_manager_t *rm)
 void *rm_manage(void *rules_manager)
 {
     thread_begin("ks-monitor");
+    thread_lower_priority();
     while (true) {
-        thread_cancel_enable();
-        poll(nullptr, 0, static_cast<int>(rm_pass_pause_ms.load()));
-        thread_cancel_disable();
+        thread_pause(rm_pass_pause_ms.load());
         rm_check_and_update(static_cast<rules_manager_t *>(rules_manager));
     }
     return nullptr;

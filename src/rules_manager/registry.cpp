@@ -55,7 +55,7 @@ int32_t update_existing(rules_manager_t *rm, rm_rule_t *rule, uint8_t direction,
     return RM_OK;
 }
 
-// The rule with the memory that it needs and no capture, or null after logging why.
+// A rule with its memory and without a capture, or null after logging why.
 rm_rule_t *new_rule(rules_manager_t *rm, const ip_addr_t *addr, uint8_t direction, const char *name,
                     uint32_t name_len) KS_REQUIRES(rm->lock)
 {
@@ -83,12 +83,12 @@ rm_rule_t *new_rule(rules_manager_t *rm, const ip_addr_t *addr, uint8_t directio
     return rule;
 }
 
-// Offer the rule to every queue whose ring is on.
+// Offer the rule, held, to every queue whose ring is on.
 void start_searches(rules_manager_t *rm, rm_rule_t *rule) KS_REQUIRES(rm->lock)
 {
     const uint32_t queues = std::min(rm->queue_count, RM_MAX_SEARCHED_QUEUES);
     for (uint32_t i = 0; i < queues; i++) {
-        if (rm->history[i]->enabled.load() == 0) {
+        if (!hc_is_enabled(rm->history[i])) {
             continue;
         }
         char *path = rm_name_history_file(rule->live_file, i);
@@ -96,7 +96,7 @@ void start_searches(rules_manager_t *rm, rm_rule_t *rule) KS_REQUIRES(rm->lock)
             KS_ERROR("kestrune: Rules_manager: Could not allocate new rule to HB. The filename is too long.");
             continue;
         }
-        if (hc_add_rule(rm->history[i], &rule->addr, rule->direction, path) != HC_OK) {
+        if (hc_hold_rule(rm->history[i], &rule->addr, rule->direction, path) != HC_OK) {
             KS_ERROR("kestrune: Rules_manager: Could not add new rule to HC.");
             std::free(path);
             continue;
@@ -106,6 +106,18 @@ void start_searches(rules_manager_t *rm, rm_rule_t *rule) KS_REQUIRES(rm->lock)
     }
     if (rule->has_history == 0) {
         rule->hist_progress = PROGRESS_DONE;
+    }
+}
+
+// Release the rule in every ring that took it, whether or not it has a live capture: earlier packets are in
+// the rings, later ones have met the live capture.
+void release_searches(rules_manager_t *rm, const rm_rule_t *rule) KS_REQUIRES(rm->lock)
+{
+    const uint32_t queues = std::min(rm->queue_count, RM_MAX_SEARCHED_QUEUES);
+    for (uint32_t i = 0; i < queues; i++) {
+        if (rule->hist_files[i] != nullptr) {
+            hc_release_rule(rm->history[i], &rule->addr);
+        }
     }
 }
 
@@ -137,7 +149,7 @@ int32_t drop_locked(rules_manager_t *rm, const ip_addr_t *addr, uint8_t directio
         rule->live_packets = progress_packets(progress);
     }
     if (direction == BOTH || direction == rule->direction) {
-        // Packets may have come since; this count is the file's.
+        // Packets may have arrived since; this is the count of the file.
         if (lc_drop_rule(rm->live, addr, &rule->live_packets) != LC_OK) {
             KS_ERROR("%s", not_live);
         }
@@ -218,7 +230,7 @@ int32_t detail_locked(rules_manager_t *rm, rm_detail_t *reply, const ip_addr_t *
 
 } // namespace
 
-// Nobody else knows the registry before its thread runs.
+// No other thread knows the registry before its monitor runs.
 int32_t rm_init(rules_manager_t *rm, live_capture_t *live, history_capture_t **history,
                 int32_t queues) KS_NO_ANALYSIS
 {
@@ -299,6 +311,7 @@ int32_t rm_add_rule(rules_manager_t *rm, const ip_addr_t *addr, uint8_t directio
         } else {
             start_searches(rm, rule);
             start_live(rm, rule, packet_limit, time_limit);
+            release_searches(rm, rule);
             rule->next = rm->rules;
             rm->rules = rule;
             rm->rule_count++;

@@ -17,8 +17,8 @@ uint32_t directory_len()
     return ks_exp_file_path != nullptr ? static_cast<uint32_t>(std::max(ks_exp_file_path_len, 0)) : 0;
 }
 
-// Write the suffixes of id and version at `suffix`, RM_SUFFIX_SIZE bytes of the string at `path`. False when
-// they do not fit.
+// Write the suffixes of id and version at `suffix`, which has RM_SUFFIX_SIZE bytes in the
+// string at `path`. False when they do not fit.
 bool append_suffixes(const char *path, char *suffix, uint32_t id)
 {
     const int id_len = std::snprintf(suffix, RM_SUFFIX_SIZE, "_%u", id);

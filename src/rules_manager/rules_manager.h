@@ -12,13 +12,13 @@
 // Life of a rule: added and linked -> captures run, the monitor announces its progress -> its total progress
 // is 100: unlinked and owned by the monitor -> capture script, VISUAL update -> released.
 //
-// Threads: client handlers call the operations concurrently, the monitor works on the same list. The monitor
-// thread is started by rm_init and stopped by rm_destroy; it can be cancelled in its pause and while it waits
-// for the capture script, where it holds no lock. Handlers and monitor run with cancellation disabled here.
+// Threads: client handlers call the operations concurrently; the monitor works on the same list. rm_init
+// starts the monitor thread, rm_destroy stops it. It can be cancelled in its pause and while it waits for the
+// capture script; it holds no lock then. Handlers and monitor run with cancellation disabled here.
 //
-// Locks: `lock` guards the list, the rules in it and the registrations. It comes before the locks of the
-// captures, which never call back, and before a channel's lock. Nothing waits for a client or for the script
-// with it held.
+// Locks: `lock` guards the list, the rules in it and the registrations. It comes before the locks
+// of the captures, which never call back, and before a channel's lock. No thread waits for a client
+// or for the script while it holds `lock`.
 //
 // Invariants:
 //   1. An address is in the list at most once; the list runs newest first.
@@ -40,7 +40,7 @@
 
 constexpr uint32_t RM_MAX_CLIENTS = 128;
 constexpr int32_t RM_MAX_QUEUES = 255;         // queue_count has 8 bits
-constexpr uint8_t RM_MAX_SEARCHED_QUEUES = 64; // hist_done has a bit a queue; the others get no searches
+constexpr uint8_t RM_MAX_SEARCHED_QUEUES = 64; // hist_done has a bit per queue; others get no searches
 constexpr uint32_t RM_NAME_SIZE = 128;         // bytes of a name with its terminator
 constexpr uint32_t RM_PASS_PAUSE_MS = 5000;
 static_assert(RM_NAME_SIZE == MSG_NAME_MAX + 1);
@@ -94,18 +94,18 @@ struct rules_manager_t {
     fair_rwlock_t lock;                       // before the captures' locks and a channel's
     pthread_t thread;                         // runs rm_manage
 
-    msg_channel_t *channels[RM_MAX_CLIENTS] KS_GUARDED_BY(lock); // borrowed; of clients[i]
+    rm_channel_t *channels[RM_MAX_CLIENTS] KS_GUARDED_BY(lock); // borrowed; of clients[i]
 };
 
-// What rm_address_detail answers.
+// The answer of rm_address_detail.
 struct rm_detail_t {
     msg_ip_detail_t fixed;
     uint8_t name[MSG_NAME_WIRE_MAX]; // fixed.name_length bytes
 };
 
-// Set up *rm and start its monitor. RM_OK; RM_NO_LOCK or RM_NO_THREAD after logging why, with errno of the
-// failing step and nothing left behind. queues is at most RM_MAX_QUEUES; more than RM_MAX_SEARCHED_QUEUES is
-// reported once.
+// Set up *rm and start its monitor. RM_OK; RM_NO_LOCK or RM_NO_THREAD after logging why, with
+// errno of the failing step and nothing left behind. queues is at most RM_MAX_QUEUES; more
+// than RM_MAX_SEARCHED_QUEUES is logged once.
 [[nodiscard]] int32_t rm_init(rules_manager_t *rm, live_capture_t *live, history_capture_t **history,
                               int32_t queues);
 
@@ -118,40 +118,41 @@ void rm_clean(rules_manager_t *rm) KS_EXCLUDES(rm->lock);
 
 // The rules. All take the lock themselves.
 
-// Watch an address: a live capture unless a limit is 0, and a history search in every queue whose ring is on.
-// A rule of this address and name gets new limits instead, and BOTH when the direction is another one.
-// time_limit in seconds, name_len from 1 to MSG_NAME_MAX. RM_OK, RM_NOT_ADDED, RM_OTHER_NAME or RM_NOT_LIVE.
+// Watch an address: a live capture unless a limit is 0, and a history search in every queue whose
+// ring is on. An existing rule of this address and name gets the new limits instead, and becomes BOTH
+// when the direction differs. time_limit in seconds, name_len from 1 to MSG_NAME_MAX. RM_OK,
+// RM_NOT_ADDED, RM_OTHER_NAME or RM_NOT_LIVE.
 [[nodiscard]] int32_t rm_add_rule(rules_manager_t *rm, const ip_addr_t *addr, uint8_t direction,
                                   uint32_t packet_limit, uint32_t time_limit, const char *name,
                                   uint32_t name_len) KS_EXCLUDES(rm->lock);
 
-// End the live capture, or narrow a rule of both directions to the other one. RM_OK or RM_UNKNOWN.
+// End the live capture, or narrow a rule of both directions to the remaining one. RM_OK or RM_UNKNOWN.
 [[nodiscard]] int32_t rm_drop_rule(rules_manager_t *rm, const ip_addr_t *addr, uint8_t direction)
     KS_EXCLUDES(rm->lock);
 
-// The rules of a direction, or of all (msg_target::ALL), newest first. Number of records; above 0 *list is
-// the caller's, to be freed. RM_NO_MEMORY.
+// The rules of a direction, or of all (msg_target::ALL), newest first. Returns the number of records; above 0
+// the caller frees *list. RM_NO_MEMORY.
 [[nodiscard]] int32_t rm_address_list(rules_manager_t *rm, uint8_t filter, msg_ip_list_item_t **list)
     KS_EXCLUDES(rm->lock);
 
-// RM_OK; RM_UNKNOWN without a rule or without a running live capture, the counters then 0.
+// RM_OK; RM_UNKNOWN, with zero counters, without a rule or without a running live capture.
 [[nodiscard]] int32_t rm_address_detail(rules_manager_t *rm, rm_detail_t *reply, const ip_addr_t *addr)
     KS_EXCLUDES(rm->lock);
 
-// Registrations for updates. fd stands for the connection whose messages go out through channel; registered
-// twice it receives every update twice.
+// Registrations for updates. fd identifies the connection, whose messages go out through channel. A
+// connection registered twice receives every update twice.
 
 // RM_OK, RM_ALL_REGISTERED or RM_NO_SLOT.
-[[nodiscard]] int32_t rm_register_client(rules_manager_t *rm, int32_t fd, msg_channel_t *channel)
+[[nodiscard]] int32_t rm_register_client(rules_manager_t *rm, int32_t fd, rm_channel_t *channel)
     KS_EXCLUDES(rm->lock);
 
-// Take one registration back. RM_OK or RM_NOT_REGISTERED.
+// Remove one registration. RM_OK or RM_NOT_REGISTERED.
 [[nodiscard]] int32_t rm_unregister_client(rules_manager_t *rm, int32_t fd) KS_EXCLUDES(rm->lock);
 
-// Take back whatever registrations there are: before a connection's descriptor is closed.
+// Remove all registrations of a connection, before its descriptor is closed.
 void rm_forget_client(rules_manager_t *rm, int32_t fd) KS_EXCLUDES(rm->lock);
 
-// Body of the monitor thread, and one pass of it. A pass is not made by two threads at once. It leaves
-// cancellation disabled.
+// Body of the monitor thread, and one pass of it. Two threads must not make a pass at
+// once. Leaves cancellation disabled.
 void *rm_manage(void *rules_manager);
 void rm_check_and_update(rules_manager_t *rm) KS_EXCLUDES(rm->lock);

@@ -1,19 +1,17 @@
 #include "rules_manager/send_channel.h"
 
+#include "common/clock.h"
 #include "common/thread.h"
 
 #include <cerrno>
-#include <ctime>
+#include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 namespace {
 
 int64_t now_ms()
 {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    return static_cast<int64_t>(monotonic_now_ns() / NS_PER_MS);
 }
 
 bool is_passing(int error)
@@ -21,77 +19,57 @@ bool is_passing(int error)
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
-// Send what goes at once of a reply; what does not leaves the channel to the reply. Number of bytes sent, or
-// -1 with errno when the connection has failed.
-ssize_t begin_reply(msg_channel_t *channel, const uint8_t *bytes, uint32_t size)
-{
-    mutex_lock(&channel->lock);
-    ssize_t sent = -1;
-    errno = EPIPE;
-    if (!channel->broken) {
-        sent = send(channel->fd, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent < 0 && is_passing(errno)) {
-            sent = 0;
-        }
-    }
-    channel->mid_message = sent >= 0 && sent < static_cast<ssize_t>(size);
-    mutex_unlock(&channel->lock);
-    return sent;
-}
-
-// Send the rest of a reply, waiting for room; SO_SNDTIMEO bounds the wait. False with errno.
-bool send_rest(const msg_channel_t *channel, const uint8_t *bytes, size_t size)
-{
-    const int64_t deadline_ms = now_ms() + MSG_REPLY_TIMEOUT_MS;
-    while (true) {
-        thread_cancel_enable();
-        const ssize_t sent = send(channel->fd, bytes, size, MSG_NOSIGNAL);
-        thread_cancel_disable();
-        if (sent < 0 && !is_passing(errno)) {
-            return false;
-        }
-        if (sent > 0) {
-            bytes += sent;
-            size -= static_cast<size_t>(sent);
-        }
-        if (size == 0) {
-            return true;
-        }
-        if (now_ms() >= deadline_ms) {
-            errno = ETIMEDOUT;
-            return false;
-        }
-    }
-}
-
 } // namespace
 
-void msg_channel_open(msg_channel_t *channel, int32_t fd) KS_NO_ANALYSIS // not shared yet
+void rm_channel_open(rm_channel_t *channel, int32_t fd) KS_NO_ANALYSIS // not shared yet
 {
     channel->fd = fd;
     channel->lock = {PTHREAD_MUTEX_INITIALIZER};
     channel->mid_message = false;
     channel->broken = false;
-    const timeval timeout = {MSG_REPLY_TIMEOUT_MS / 1000, 0};
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
 }
 
-int msg_channel_reply(msg_channel_t *channel, const uint8_t *bytes, uint32_t size)
+int rm_channel_reply(rm_channel_t *channel, rm_reply_t *reply)
 {
-    const ssize_t sent = begin_reply(channel, bytes, size);
-    if (sent == static_cast<ssize_t>(size)) {
-        return 0;
-    }
-    if (sent < 0 || !send_rest(channel, bytes + sent, size - static_cast<size_t>(sent))) {
-        return -1;
-    }
+    ssize_t sent = -1;
     mutex_lock(&channel->lock);
-    channel->mid_message = false;
+    errno = EPIPE;
+    if (!channel->broken) {
+        sent = send(channel->fd, reply->bytes, reply->size, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0 && is_passing(errno)) {
+            sent = 0;
+        }
+    }
+    if (sent > 0) {
+        reply->bytes += sent;
+        reply->size -= static_cast<uint32_t>(sent);
+    }
+    channel->mid_message = sent >= 0 && reply->size > 0;
     mutex_unlock(&channel->lock);
-    return 0;
+    return sent < 0 ? RM_FAILED : reply->size > 0 ? RM_WAITS : RM_SENT;
 }
 
-bool msg_channel_update(msg_channel_t *channel, iovec *parts, uint32_t part_count, uint32_t message_size)
+bool rm_channel_wait(const rm_channel_t *channel, rm_reply_t *reply)
+{
+    const int64_t now = now_ms();
+    if (reply->deadline_ms == 0) {
+        reply->deadline_ms = now + RM_REPLY_TIMEOUT_MS;
+    }
+    if (now >= reply->deadline_ms) {
+        errno = ETIMEDOUT;
+        return false;
+    }
+    pollfd room = {channel->fd, POLLOUT, 0};
+    thread_cancel_enable();
+    const int ready = poll(&room, 1, static_cast<int>(reply->deadline_ms - now));
+    thread_cancel_disable();
+    if (ready == 0) {
+        errno = ETIMEDOUT;
+    }
+    return ready > 0 || (ready < 0 && errno == EINTR);
+}
+
+bool rm_channel_update(rm_channel_t *channel, iovec *parts, uint32_t part_count, uint32_t message_size)
 {
     size_t size = 0;
     for (uint32_t i = 0; i < part_count; i++) {

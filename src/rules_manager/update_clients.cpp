@@ -8,14 +8,14 @@
 
 namespace {
 
-// What a log message calls a message's size.
+// The type with which log messages print a message's size.
 using size_in_log_t = unsigned long;
 
-// Sends to the client of one slot; false after logging that it did not go out whole.
+// Send to the client of one slot. False after logging that it did not go out whole.
 bool send_to_slot(rules_manager_t *rm, uint32_t slot, iovec *parts, uint32_t part_count,
                   uint32_t message_size) KS_REQUIRES_SHARED(rm->lock)
 {
-    if (msg_channel_update(rm->channels[slot], parts, part_count, message_size)) {
+    if (rm_channel_update(rm->channels[slot], parts, part_count, message_size)) {
         return true;
     }
     KS_INFO(LOG_EVENT, "kestrune: Connection to INFO socket failed");
@@ -30,7 +30,7 @@ void free_slot(rules_manager_t *rm, uint32_t slot) KS_REQUIRES(rm->lock)
     rm->client_count--;
 }
 
-// Frees the first slot of the descriptor.
+// Free the first slot of the descriptor.
 bool free_slot_of(rules_manager_t *rm, int32_t fd) KS_REQUIRES(rm->lock)
 {
     for (uint32_t i = 0; fd >= 0 && i < RM_MAX_CLIENTS; i++) {
@@ -44,7 +44,7 @@ bool free_slot_of(rules_manager_t *rm, int32_t fd) KS_REQUIRES(rm->lock)
 
 } // namespace
 
-int32_t rm_register_client(rules_manager_t *rm, int32_t fd, msg_channel_t *channel)
+int32_t rm_register_client(rules_manager_t *rm, int32_t fd, rm_channel_t *channel)
 {
     rwlock_write(&rm->lock);
     if (rm->client_count >= static_cast<int32_t>(RM_MAX_CLIENTS)) {
@@ -106,8 +106,8 @@ void rm_send_incident(rules_manager_t *rm, const rm_rule_t *rule)
     }
     uint8_t bytes[MSG_HEADER_SIZE + MSG_UPDATE_INCIDENT_SIZE];
     msg_writer_t out = msg_writer(bytes, sizeof bytes);
-    msg_encode_header(&out, msg_answer(msg_code::UPDATE));
-    msg_encode_update_incident(&out, {rule->id, rule->addr});
+    msg_encode(&out, msg_answer(msg_code::UPDATE));
+    msg_encode(&out, msg_update_incident_t{rule->id, rule->addr});
     KS_INFO(LOG_DEBUG, "kestrune: Rules_manager: message incident id  = %u, type = %u, size %lu", rule->id,
             static_cast<unsigned>(msg_update::INCIDENT), size_in_log_t{MSG_UPDATE_INCIDENT_SIZE});
     for (uint32_t i = 0; i < RM_MAX_CLIENTS; i++) {
@@ -128,8 +128,8 @@ void rm_batch_capture(rules_manager_t *rm, rm_capture_batch_t *batch, const rm_r
             static_cast<unsigned>(msg_update::CAPTURE), size_in_log_t{MSG_UPDATE_CAPTURE_SIZE},
             static_cast<unsigned>(rule->last_progress));
     msg_writer_t out = msg_writer(batch->bytes + batch->used, RM_CAPTURE_BYTES);
-    msg_encode_header(&out, msg_answer(msg_code::UPDATE));
-    msg_encode_update_capture(&out, {rule->id, rule->last_progress});
+    msg_encode(&out, msg_answer(msg_code::UPDATE));
+    msg_encode(&out, msg_update_capture_t{rule->id, rule->last_progress});
     batch->used += RM_CAPTURE_BYTES;
     if (batch->used == sizeof batch->bytes) {
         rm_send_captures(rm, batch);
@@ -163,9 +163,9 @@ void rm_send_visual(rules_manager_t *rm, const rm_rule_t *rule, const char *list
             list_len, name_len);
     uint8_t bytes[MSG_HEADER_SIZE + MSG_UPDATE_VISUAL_SIZE];
     msg_writer_t out = msg_writer(bytes, sizeof bytes);
-    msg_encode_header(&out, msg_answer(msg_code::UPDATE));
-    msg_encode_update_visual(&out, {rule->id, rule->hist_packets, rule->live_packets,
-                                    static_cast<uint16_t>(list_len), static_cast<uint16_t>(name_len)});
+    msg_encode(&out, msg_answer(msg_code::UPDATE));
+    msg_encode(&out, msg_update_visual_t{rule->id, rule->hist_packets, rule->live_packets,
+                                         static_cast<uint16_t>(list_len), static_cast<uint16_t>(name_len)});
     for (uint32_t i = 0; i < RM_MAX_CLIENTS; i++) {
         iovec parts[] = {{bytes, sizeof bytes},
                          {const_cast<char *>(list), list_len}, // sendmsg only reads

@@ -1,7 +1,7 @@
-// The hash of the fixed-size hash table: a multiply-rotate mix of 8-byte little-endian words, closed with the
-// 64-bit finalizer of MurmurHash3 (fmix64, Austin Appleby, public domain). All arithmetic is modulo 2^64; the
-// key's length is not mixed in. fhf_hash, fhf_hash_div8 and fhf_hash_40 are this one function for any length,
-// for whole words and for exactly five words; where their lengths overlap they give equal results.
+// The hash of the fixed-size hash table: a multiply-rotate mix of 8-byte little-endian words, finished with
+// the 64-bit finalizer of MurmurHash3 (fmix64, Austin Appleby, public domain). All arithmetic is modulo 2^64;
+// the key's length is not mixed in. fhf_hash, fhf_hash_div8 and fhf_hash_40 are the same function for any
+// length, for whole words and for exactly five words; for lengths that they share they give equal results.
 #pragma once
 
 #include "common/export.h"
@@ -10,14 +10,13 @@
 #include <cstdint>
 #include <cstring>
 
-// key: key_length bytes; fhf_hash_div8 ignores the bytes behind the last whole word, fhf_hash_40 reads 40
-// bytes whatever key_length says.
+// key: key_length bytes. fhf_hash_div8 ignores the bytes after the last whole word;
+// fhf_hash_40 always reads 40 bytes.
 KS_EXPORT uint64_t fhf_hash(const uint8_t *key, uint32_t key_length, uint64_t seed);
 KS_EXPORT uint64_t fhf_hash_div8(const uint8_t *key, uint32_t key_length, uint64_t seed);
 KS_EXPORT uint64_t fhf_hash_40(const uint8_t *key, uint32_t key_length, uint64_t seed);
 
-// The running state: the hash so far, and the last word as it was mixed in (a shorter tail is folded into
-// it).
+// The running state: the hash so far, and the last word as mixed in (a shorter tail is folded into it).
 struct fhf_mix_t {
     uint64_t hash;
     uint64_t word;

@@ -105,9 +105,7 @@ fhf_iter_t *fhf_init_iter(fhf_table_t *table)
     }
     auto *iter = static_cast<fhf_iter_t *>(std::calloc(1, sizeof(fhf_iter_t)));
     if (iter != nullptr) {
-        iter->table = table;
-        iter->row = FHF_BEFORE_FIRST;
-        iter->slot = static_cast<int32_t>(FHF_BEFORE_FIRST);
+        *iter = fhf_begin(table);
     }
     return iter;
 }
@@ -115,10 +113,7 @@ fhf_iter_t *fhf_init_iter(fhf_table_t *table)
 void fhf_reinit_iter(fhf_iter_t *iter)
 {
     release_row(iter);
-    iter->row = FHF_BEFORE_FIRST;
-    iter->slot = static_cast<int32_t>(FHF_BEFORE_FIRST);
-    iter->key = nullptr;
-    iter->data = nullptr;
+    *iter = fhf_begin(iter->table);
 }
 
 void fhf_destroy_iter(fhf_iter_t *iter)

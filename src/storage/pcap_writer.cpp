@@ -1,5 +1,7 @@
 #include "storage/pcap_writer.h"
 
+#include "common/clock.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -38,8 +40,6 @@ constexpr file_header_t FILE_HEADER = {
     .link_type = 1, // Ethernet
 };
 
-constexpr uint64_t NS_PER_S = 1'000'000'000;
-
 // Refuse a call that must not write.
 int refuse(const char *line, int error)
 {
@@ -56,7 +56,7 @@ int report(const char *text)
     return -1;
 }
 
-// True when the writing call wrote everything. A short count comes without an error number: the disk is full.
+// True when the call wrote everything. A short count comes without an error number: the disk is full.
 bool complete(ssize_t written, size_t wanted)
 {
     if (written >= 0 && static_cast<size_t>(written) != wanted) {

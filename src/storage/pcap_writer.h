@@ -1,6 +1,6 @@
-// The writer of capture files: the classic pcap format (draft-ietf-opsawg-pcap) in its nanosecond variant,
-// link type Ethernet, native byte order, one unbuffered system call for each record so that a record reaches
-// the file whole.
+// The writer of capture files: the classic pcap format (draft-ietf-opsawg-pcap) in its
+// nanosecond variant, link type Ethernet, native byte order. One unbuffered system call per
+// record, so that a record reaches the file whole.
 //
 //   file    global header (24) | record | record ...
 //   record  seconds u32 | nanoseconds u32 | captured length u32 | full length u32 | captured bytes
@@ -19,8 +19,8 @@ constexpr uint32_t PCAP_SNAPLEN = 65535;         // longest captured length
 // Write the global header into an empty file, at position 0. 0 or -1.
 [[nodiscard]] int write_pcap_header(int fd);
 
-// Append one packet of `length` bytes at `data`, cut to PCAP_SNAPLEN; timestamp in nanoseconds since the Unix
-// epoch. 0 or -1.
+// Append one packet of `length` bytes at `data`, cut to PCAP_SNAPLEN; timestamp in
+// nanoseconds since the Unix epoch. 0 or -1.
 [[nodiscard]] int write_pcap_packet(int fd, const uint8_t *data, uint32_t length, uint64_t timestamp);
 
 // Append one packet that lies in two pieces; the pieces together are min(length, PCAP_SNAPLEN) bytes, else

@@ -1,7 +1,9 @@
 // The bytes of one control connection, in segments, through the real request handler. The input is a row of
 // segments: a length byte and as many bytes. A connection ends in every case, and what the server sent is
 // whole messages.
-#include "listener/listener.h"
+#include "listener/listener_state.h"
+#include "listener/request_handler.h"
+#include "listener/slot.h"
 
 #include "client/messages.h"
 #include "common/thread.h"
@@ -100,12 +102,11 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         fail("no sockets");
     }
     ls_client_t slot = {};
-    slot.live = world.live;
     slot.rm = &world.rm;
     slot.queue_count = 1;
     slot.history = world.history.data();
     slot.fd = ends[0];
-    msg_channel_open(&slot.channel, ends[0]);
+    rm_channel_open(&slot.channel, ends[0]);
     slot.used.store(1);
     if (thread_start(&slot.thread, ls_client_handler, &slot) != 0) {
         fail("no handler");

@@ -1,15 +1,18 @@
-// What tests of the control plane share: messages as bytes, connections, and the captures, registry and
-// listener that they speak with.
+// Shared by tests of the control plane: messages as bytes, connections, and the
+// captures, registry and listener behind them.
 #pragma once
 
 #include "common/ip_addr.h"
 #include "common/settings.h"
-#include "history_capture/history_capture.h"
-#include "listener/listener.h"
-#include "live_capture/live_capture.h"
+#include "history_capture/packet_path.h"
+#include "listener/listener_state.h"
+#include "listener/request_handler.h"
+#include "listener/slot.h"
+#include "live_capture/packet_path.h"
 #include "rules_manager/rules_manager.h"
 #include "support/host_records.h"
 #include "support/pcap_read.h"
+#include "support/process.h"
 #include "support/test_host.h"
 
 #include <cstring>
@@ -44,6 +47,16 @@ inline std::string little_endian(uint64_t value, int size)
     return bytes;
 }
 
+// Parts of a message as the product encodes them.
+template <typename... T>
+std::string encoded(const T &...parts)
+{
+    uint8_t room[256];
+    msg_writer_t out = msg_writer(room, sizeof room);
+    EXPECT_TRUE((msg_encode(&out, parts) && ...));
+    return {reinterpret_cast<const char *>(room), out.used};
+}
+
 inline std::string address_bytes(uint32_t number)
 {
     const ip_addr_t addr = numbered_address(number);
@@ -52,37 +65,36 @@ inline std::string address_bytes(uint32_t number)
 
 inline std::string request(uint8_t action, uint8_t target, const std::string &payload = "")
 {
-    return little_endian(0x0900, 2) + static_cast<char>(action) + static_cast<char>(target) + payload;
+    return encoded(msg_request(action, target)) + payload;
 }
 
 inline std::string add_request(uint8_t direction, uint32_t number, uint32_t packets, uint32_t seconds,
                                const std::string &name)
 {
-    return request(0, direction,
-                   address_bytes(number) + little_endian(packets, 4) + little_endian(seconds, 4) +
-                       little_endian(name.size(), 1) + name);
+    const msg_add_t add = {numbered_address(number), packets, seconds, static_cast<uint8_t>(name.size())};
+    return encoded(msg_request(msg_action::ADD, direction), add) + name;
 }
 
-inline const std::string SUCCESS = hex("00 09 00 00");
-inline const std::string FAIL = hex("00 09 01 00");
-inline const std::string UNRECOGNIZED = hex("00 09 02 00");
+inline const std::string SUCCESS = encoded(msg_answer(msg_code::SUCCESS));
+inline const std::string FAIL = encoded(msg_answer(msg_code::FAIL));
+inline const std::string UNRECOGNIZED = encoded(msg_answer(msg_code::UNRECOGNIZED));
 
 inline std::string incident(uint32_t id, uint32_t number)
 {
-    return hex("00 09 06 00 02") + little_endian(id, 4) + address_bytes(number);
+    return encoded(msg_answer(msg_code::UPDATE), msg_update_incident_t{id, numbered_address(number)});
 }
 
 inline std::string capture(uint32_t id, uint8_t percent)
 {
-    return hex("00 09 06 00 03") + little_endian(id, 4) + static_cast<char>(percent);
+    return encoded(msg_answer(msg_code::UPDATE), msg_update_capture_t{id, percent});
 }
 
 inline std::string visual(uint32_t id, uint32_t hist_packets, uint32_t live_packets, const std::string &list,
                           const std::string &name)
 {
-    return hex("00 09 06 00 04") + little_endian(id, 4) + little_endian(hist_packets, 4) +
-           little_endian(live_packets, 4) + little_endian(list.size(), 2) + little_endian(name.size(), 2) +
-           list + name;
+    const msg_update_visual_t fields = {id, hist_packets, live_packets, static_cast<uint16_t>(list.size()),
+                                        static_cast<uint16_t>(name.size())};
+    return encoded(msg_answer(msg_code::UPDATE), fields) + list + name;
 }
 
 // One end of a stream, closed at the end.
@@ -102,10 +114,10 @@ public:
             close(std::exchange(fd, -1));
         }
     }
-    // Connected to the socket of this process that listens there.
+    // Connected to the socket of this process that listens on it.
     static stream_t connected_to(int listening)
     {
-        sockaddr_storage address = {}; // any address of this machine stands for the machine itself
+        sockaddr_storage address = {}; // a wildcard address reaches this machine
         socklen_t size = sizeof address;
         getsockname(listening, reinterpret_cast<sockaddr *>(&address), &size);
         stream_t stream(socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -116,7 +128,7 @@ public:
     {
         ASSERT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
     }
-    // Up to `size` bytes, as many as come within the time or before the stream ends.
+    // Up to `size` bytes, as many as come before the time is over or the stream ends.
     std::string receive(size_t size, int milliseconds = 10000) const
     {
         std::string bytes;
@@ -131,7 +143,7 @@ public:
         }
         return bytes;
     }
-    // Everything until the other side ends the stream.
+    // Everything until the other side closes the stream.
     std::string receive_all() const { return receive(1 << 24); }
     // Nothing more has come.
     bool is_quiet() const
@@ -156,10 +168,10 @@ struct connection_t {
         EXPECT_EQ(listen(port.fd, 1), 0); // on a port of the system's choice
         client = stream_t::connected_to(port.fd);
         server = stream_t(accept4(port.fd, nullptr, nullptr, SOCK_CLOEXEC));
-        msg_channel_open(&channel, server.fd);
+        rm_channel_open(&channel, server.fd);
     }
-    // Leave no room in the way to the client. Room comes back as long as bytes move on to the receiver, so it
-    // is gone when nothing was taken for a while.
+    // Fill the path to the client. Room reappears as long as bytes move on to the receiver, so the path is
+    // full once nothing was taken for a while.
     void fill() const
     {
         const std::string bytes(4096, 'x');
@@ -173,7 +185,7 @@ struct connection_t {
 
     stream_t server;
     stream_t client;
-    msg_channel_t channel;
+    rm_channel_t channel;
 };
 
 // The captures of some queues, and the export directory of their files.
@@ -221,7 +233,7 @@ public:
     }
     bool exists(const std::string &name) const { return std::filesystem::exists(directory + name); }
     void create(const std::string &name) const { std::ofstream(directory + name).flush(); }
-    // Make this the capture script, by its text.
+    // Make this text the capture script.
     void set_script(const std::string &text)
     {
         script = scripts.path("script");
@@ -239,7 +251,7 @@ private:
     std::string script;
 };
 
-// A registry whose passes the test makes itself, unless it wants others.
+// A registry whose passes the test makes itself, unless it lets the monitor make them.
 class registry_t : public captures_t {
 public:
     explicit registry_t(int queues = 0, uint64_t ring_size = 0, uint32_t pass_pause_ms = 1000000)
@@ -296,7 +308,7 @@ public:
     rules_manager_t rm;
 };
 
-// A listener on a free port, its monitor's pauses as long as the test wants them.
+// A listener on a free port, with the monitor pauses that the test wants.
 class server_t : public captures_t {
 public:
     explicit server_t(int queues = 0, uint32_t pass_pause_ms = 1000000) : captures_t(queues)

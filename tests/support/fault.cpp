@@ -8,6 +8,7 @@
 #include <semaphore.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 
 namespace {
 
@@ -77,5 +78,8 @@ WRAP(int, pthread_rwlock_init, (pthread_rwlock_t * lock, const pthread_rwlockatt
 WRAP(int, sem_init, (sem_t * semaphore, int shared, unsigned value), (semaphore, shared, value), -1, ENOSPC)
 WRAP(int, socket, (int family, int type, int protocol), (family, type, protocol), -1, EMFILE)
 WRAP(int, bind, (int fd, const sockaddr *address, socklen_t length), (fd, address, length), -1, EADDRINUSE)
+WRAP(int, accept4, (int fd, sockaddr *address, socklen_t *length, int flags), (fd, address, length, flags),
+     -1, EPROTO)
 WRAP(int, setsockopt, (int fd, int level, int name, const void *value, socklen_t length),
      (fd, level, name, value, length), -1, ENOPROTOOPT)
+WRAP(pid_t, waitpid, (pid_t child, int *status, int options), (child, status, options), -1, EINTR)

@@ -1,4 +1,4 @@
-// A disk that is full: the size that files may reach in this process, for as long as this object lives.
+// A full disk: limits the size of this process's files while this object exists.
 #pragma once
 
 #include <csignal>

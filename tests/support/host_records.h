@@ -1,4 +1,4 @@
-// Packets as the host hands them over, made up field by field.
+// Packets as the host hands them over, built field by field.
 #pragma once
 
 #include "common/host_interface.h"

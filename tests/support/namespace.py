@@ -1,5 +1,5 @@
-"""Pairs of virtual interfaces in a network namespace of their own: what is sent into NAME-out arrives at NAME-in, and
-nothing else. Skips the tests where that cannot be had."""
+"""Pairs of virtual interfaces in their own network namespace: NAME-in receives what is sent into NAME-out, and nothing
+else. Skips the tests where this is impossible."""
 
 import os
 import subprocess

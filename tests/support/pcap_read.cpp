@@ -1,16 +1,9 @@
 #include "support/pcap_read.h"
 
-#include "support/test_host.h"
-
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -50,37 +43,4 @@ std::vector<pcap_record_t> read_pcap(const std::string &path, size_t *torn)
         throw std::runtime_error(path + ": torn record");
     }
     return records;
-}
-
-std::pair<long, long> resources()
-{
-    // The thread sanitizer starts a thread of its own with a program's first one: it counts from the
-    // beginning.
-    [[maybe_unused]] static const bool first = [] {
-        pid_t id = 0;
-        std::thread([&id] { id = gettid(); }).join();
-        const std::string entry = "/proc/self/task/" + std::to_string(id);
-        return wait_until(
-            [&] { return !std::filesystem::exists(entry); }); // stays for a moment after the join
-    }();
-    const auto entries = [](const char *folder) {
-        const std::filesystem::directory_iterator all(folder);
-        return std::distance(begin(all), end(all));
-    };
-    return {entries("/proc/self/fd"), entries("/proc/self/task")};
-}
-
-temp_dir_t::temp_dir_t()
-{
-    std::string pattern = (std::filesystem::temp_directory_path() / "kestrune-test-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("no temporary directory");
-    }
-    root = pattern;
-}
-
-temp_dir_t::~temp_dir_t()
-{
-    std::error_code error;
-    std::filesystem::remove_all(root, error);
 }

@@ -26,12 +26,12 @@ def built(name):
 
 
 def missing(*programs):
-    """The programs that are not there, for a visible skip."""
+    """The missing programs, for a visible skip."""
     return [name for name in programs if shutil.which(name) is None]
 
 
 def wait_until(condition, what, limit_s=LIMIT_S):
-    """Asks until the condition's value is true, and gives that value."""
+    """Polls until the condition's value is true, and returns it."""
     end = time.monotonic() + limit_s
     while True:
         value = condition()
@@ -59,7 +59,7 @@ def listening_port(pid):
 
 
 class Command:
-    """A kestrunectl --json that runs on its own until it is done."""
+    """A kestrunectl --json in the background."""
 
     def __init__(self, argv):
         self.process = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
@@ -106,7 +106,7 @@ class ProbeProcess:
         self.close()
 
     def close(self):
-        """Ends everything, whatever state it is in; may be called again."""
+        """Ends everything, in any state; may be called again."""
         self.process.kill()
         self.process.wait()
         try:
@@ -127,7 +127,7 @@ class ProbeProcess:
         self.process.stdin.flush()
 
     def counters(self):
-        """The probe's counters as they stand."""
+        """The probe's current counters."""
         seen = self.text("out").count("\n")
         self.process.send_signal(signal.SIGUSR1)
         wait_until(lambda: self.text("out").count("\n") > seen, "counters")
@@ -202,7 +202,7 @@ class Probe(ProbeProcess):
         return status, answer
 
     def do(self, *arguments):
-        """The same, for what must be done."""
+        """The same for a command that must succeed."""
         status, answer = self.ctl(*arguments)
         assert status == 0 and answer["ok"], answer
         return answer

@@ -1,4 +1,4 @@
-// A process plugin that writes down what the probe hands to it. Its parameters:
+// A process plugin that records what the probe hands to it. Its parameters:
 //   out=PATH   a record_t per packet and the packet's bytes go to PATH.<queue>
 //   refuse=1   start fails
 #include "common/export.h"

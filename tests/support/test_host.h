@@ -1,8 +1,8 @@
-// A host for code of the plugin that is linked straight into a test: it provides config_set_values,
-// verbose_msg and verbose_level, and keeps every message that the plugin logs.
+// A host for plugin code that is linked into a test: it provides config_set_values, verbose_msg and
+// verbose_level, and keeps every message that the plugin logs.
 #pragma once
 
-#include "support/pcap_read.h"
+#include "support/process.h"
 
 #include <cstdint>
 #include <functional>
@@ -13,7 +13,7 @@
 struct config_option_t;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool SANITIZED = true; // slower by far: fewer rounds of what repeats itself
+constexpr bool SANITIZED = true; // much slower: fewer repetitions
 #else
 constexpr bool SANITIZED = false;
 #endif
@@ -28,20 +28,20 @@ struct message_t {
 
 // All messages since the last clear, oldest first. Any thread may log meanwhile.
 std::vector<message_t> messages();
-// How many messages have this text as a part.
+// How many messages contain this text.
 int count(const std::string &part);
 bool logged(const std::string &part);
 // Forget the messages and set the host's level (the default lets everything through).
 void reset(int32_t level = 5);
 // What config_set_values does; the default answers 0 and stores nothing.
 void on_config(std::function<int(const char *, config_option_t *)> parse);
-// Let it find these items in the parameter string.
+// Make it find these items in the parameter string.
 void set_params(const std::map<std::string, std::string> &params);
 
 } // namespace test_host
 
-// Wait until the condition holds, at most this long; true when it came to hold.
+// Wait until the condition holds, at most this long. True when it held.
 bool wait_until(const std::function<bool()> &condition, int milliseconds = 10000);
-// Wait until there are no more descriptors and threads than that. Fewer will do: a thread is counted for a
-// moment after it was joined, and one that had ended may have been among them.
+// Wait until there are at most this many descriptors and threads. A thread is counted for a moment after its
+// join, so fewer than before are possible too.
 bool resources_fall_to(const std::pair<long, long> &most);

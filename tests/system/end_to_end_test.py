@@ -12,10 +12,8 @@ import unittest
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 import pcap_files  # noqa: E402
 import run_tests  # noqa: E402
-from control_client import Client  # noqa: E402
-from fake_probe import SUCCESS  # noqa: E402
 from namespace import Namespace  # noqa: E402
-from probe_process import FRAGMENTS, TAGGED, WATCHED, WEB, Probe, missing, wait_until  # noqa: E402
+from probe_process import WATCHED, WEB, Probe, missing  # noqa: E402
 
 EVERY_PACKET = 2**32 - 1
 WITH_TAG = "vlan 42 and host %s"
@@ -204,25 +202,6 @@ class EndToEnd(unittest.TestCase):
                 self.assertTrue(frames(live) == frames(expected_live))
                 for packets in (*history, *by_flow(live).values()):
                     self.check_times(wire, packets)
-
-
-class History(unittest.TestCase):
-    def test_it_holds_exactly_the_ip_packets_of_a_file(self):
-        for capture, every, ip in ((WEB, 7451, 7451), (TAGGED, 26, 20), (FRAGMENTS, 36, 36)):
-            for queues in (1, 4):
-                with Probe("-r", "-", "--speed", "0", "-q", str(queues), params="buffer_size=64") as probe:
-                    with Client(probe.port) as client, open(capture, "rb") as file:
-                        self.assertEqual(client.set_heavy_size(EVERY_PACKET), SUCCESS)
-                        probe.feed(file.read())
-                        probe.wait_counted("read", every)
-                        wait_until(lambda: client.history()["packets"] >= ip, "packets in the history")
-                        history = client.history()
-                        self.assertEqual((history["packets"], history["queues"]), (ip, queues))
-                    self.assertEqual(probe.stop(), 0)
-                    counters = probe.last_counters()
-                self.assertEqual([counters[name] for name in ("read", "handed_on", "not_ip", "truncated")],
-                                 [every, ip, every - ip, 0])
-                self.assertEqual(sum(counters["handed_on_%d" % queue] for queue in range(queues)), ip)
 
 
 if __name__ == "__main__":

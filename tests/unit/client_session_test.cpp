@@ -1,14 +1,11 @@
 // The client library against servers that answer with one row of bytes, over loopback. What good servers
-// make of its requests, and merging, are seen where kestrunectl is driven as a program.
-#include "client/merge.h"
+// make of its requests is seen where kestrunectl is driven as a program.
 #include "client/session.h"
-#include "support/pcap_read.h"
 
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <atomic>
-#include <filesystem>
 #include <functional>
 #include <netinet/in.h>
 #include <random>
@@ -37,50 +34,46 @@ bytes_t text(const std::string &characters)
 }
 
 template <typename T>
-bytes_t reply(uint8_t code, bool (*encode)(msg_writer_t *, const T &), const T &value)
+bytes_t reply(uint8_t code, const T &value)
 {
     bytes_t bytes(64);
     msg_writer_t out = msg_writer(bytes.data(), 64);
-    EXPECT_TRUE(msg_encode_header(&out, msg_answer(code)) && encode(&out, value));
+    EXPECT_TRUE(msg_encode(&out, msg_answer(code)) && msg_encode(&out, value));
     bytes.resize(out.used);
     return bytes;
 }
 
 bytes_t capture(uint32_t id, uint8_t progress)
 {
-    return reply<msg_update_capture_t>(msg_code::UPDATE, msg_encode_update_capture, {id, progress});
+    return reply<msg_update_capture_t>(msg_code::UPDATE, {id, progress});
 }
 
 bytes_t visual(const std::string &history, const std::string &live)
 {
     const msg_update_visual_t fields = {1, 1, 2, static_cast<uint16_t>(history.size()),
                                         static_cast<uint16_t>(live.size())};
-    return reply(msg_code::UPDATE, msg_encode_update_visual, fields) + text(history + live);
+    return reply(msg_code::UPDATE, fields) + text(history + live);
 }
 
 const bytes_t SUCCESS = {0, 9, msg_code::SUCCESS, 0};
+const bytes_t FAIL = {0, 9, msg_code::FAIL, 0};
 const bytes_t UNRECOGNIZED = {0, 9, msg_code::UNRECOGNIZED, 0};
 const bytes_t LIST_HEADER = {0, 9, msg_code::IP_LIST, 0};
 const bytes_t ITEM = {0xFF, 0xFF, 0xFF, 0xFF, 1, 0, 0, 10, 0, 0, 0, 0, 0, 0, 0, 0, BOTH};
 const bytes_t LIST_REPLY = LIST_HEADER + bytes_t{2, 0, 0, 0} + ITEM + ITEM;
 const bytes_t DETAIL_REPLY =
-    reply<msg_ip_detail_t>(msg_code::IP_DETAIL, msg_encode_ip_detail, {ADDR, BOTH, 50, 1, 2, 3, 4, 3}) +
-    text("web");
-const bytes_t HISTORY_REPLY =
-    reply<msg_hb_info_t>(msg_code::HB_INFO, msg_encode_hb_info, {1, 2, 3, 4, 5, 6, 7, 8, 9});
+    reply<msg_ip_detail_t>(msg_code::IP_DETAIL, {ADDR, BOTH, 50, 1, 2, 3, 4, 3}) + text("web");
+const bytes_t HISTORY_REPLY = reply<msg_hb_info_t>(msg_code::HB_INFO, {1, 2, 3, 4, 5, 6, 7, 8, 9});
 
 // Holds the conversation with one connection after the other. Sessions go before it.
 class server_t {
 public:
-    explicit server_t(std::function<void(int fd)> conversation)
+    explicit server_t(const std::function<void(int fd)> &conversation)
         : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
         sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t size = sizeof address;
-        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&address), size), 0);
-        EXPECT_EQ(listen(listener_, 8), 0);
+        EXPECT_EQ(listen(listener_, 8), 0); // on a port of the system's choice
         EXPECT_EQ(getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &size), 0);
         endpoint = {"127.0.0.1", std::to_string(ntohs(address.sin_port))};
         thread_ = std::thread([this, conversation] {
@@ -137,10 +130,10 @@ const call_t DETAIL = [](session_t &session) { EXPECT_EQ(session.detail(ADDR).na
 const call_t HISTORY = [](session_t &session) { EXPECT_EQ(session.history_info().free, 9U); };
 const call_t REMOVE = [](session_t &session) { session.remove(ADDR, BOTH); };
 
-TEST(Session, UpdatesBeforeAReplyAreKeptInOrder)
+TEST(Session, UpdatesBeforeAReplyAreKeptAndARefusalLeavesTheSessionInStep)
 {
-    const server_t server(
-        answer({capture(1, 10) + visual(",a_hc_0,,a_hc_1", ",a") + DETAIL_REPLY + capture(2, 5)}));
+    const server_t server(answer({capture(1, 10) + visual(",a_hc_0,,a_hc_1", ",a") + DETAIL_REPLY, FAIL,
+                                  UNRECOGNIZED, LIST_REPLY, UNRECOGNIZED}));
     session_t session(server.endpoint, {});
     DETAIL(session);
     const auto next = [&] { return session.next_update(steady_t::now() + 5s).value(); };
@@ -148,19 +141,33 @@ TEST(Session, UpdatesBeforeAReplyAreKeptInOrder)
     const auto finished = std::get<visual_t>(next());
     EXPECT_EQ(finished.history_files, (std::vector<std::string>{",a_hc_0", ",a_hc_1"})); // of a rule ",a"
     EXPECT_EQ(finished.live_file, ",a");
-    EXPECT_EQ(std::get<msg_update_capture_t>(next()).rule_id, 2U);
     EXPECT_FALSE(session.next_update(steady_t::now() + 1ms));
-}
-
-TEST(Session, ARefusalLeavesTheSessionInStep)
-{
-    const server_t server(answer({{0, 9, msg_code::FAIL, 0}, UNRECOGNIZED, LIST_REPLY, UNRECOGNIZED}));
-    session_t session(server.endpoint, {});
     EXPECT_EQ(failure_of(session, REMOVE), failure_t::REFUSED);
     EXPECT_EQ(failure_of(session, HISTORY), failure_t::UNRECOGNIZED);
     EXPECT_NO_THROW(LIST(session));
     EXPECT_EQ(failure_of(session, REMOVE), failure_t::UNRECOGNIZED); // its payload is taken for requests now
     EXPECT_EQ(failure_of(session, LIST), failure_t::CLOSED);
+}
+
+TEST(Session, ManyRequestsOfWhichOneFailsKeepTheAnswersBefore)
+{
+    const std::pair<bytes_t, failure_t> cases[] = {
+        {UNRECOGNIZED, failure_t::UNRECOGNIZED}, {LIST_REPLY, failure_t::MALFORMED}, {{}, failure_t::CLOSED}};
+    for (const auto &[bytes, failure] : cases) {
+        const server_t server(answer({SUCCESS + FAIL + bytes}, true));
+        session_t session(server.endpoint, {});
+        std::vector<bool> taken;
+        const auto call = [&taken](session_t &asked) {
+            asked.add_many(std::vector<add_request_t>(3, {ADDR, BOTH, 1, 1, "web"}), &taken);
+        };
+        EXPECT_EQ(failure_of(session, call), failure);
+        EXPECT_EQ(taken, (std::vector<bool>{true, false}));
+        EXPECT_EQ(failure_of(session, LIST), failure_t::CLOSED);
+    }
+    const server_t server(answer({DETAIL_REPLY + FAIL}));
+    session_t session(server.endpoint, {});
+    const auto details = session.detail_many(std::vector<ip_addr_t>(2, ADDR));
+    EXPECT_TRUE(details[0].value().name == "web" && !details[1]);
 }
 
 TEST(Session, AnAnswerCutAtAnyByteIsAnError)
@@ -186,18 +193,13 @@ TEST(Session, AnAnswerCutAtAnyByteIsAnError)
 TEST(Session, NeitherSilenceNorUpdatesWithoutEndPutOffTheAnswerTime)
 {
     const bytes_t part(LIST_REPLY.begin(), LIST_REPLY.end() - 1);
-    const auto flood = [](const bytes_t &update) {
-        return [update](int fd) {
-            while (send(fd, update.data(), update.size(), MSG_NOSIGNAL) > 0) {
-            }
-        };
+    const auto flood = [](int fd) {
+        const bytes_t update = visual(std::string(60000, 'a'), "");
+        while (send(fd, update.data(), update.size(), MSG_NOSIGNAL) > 0) {
+        }
     };
     const std::pair<std::function<void(int)>, bool> conversations[] = {
-        {answer({}), false},
-        {answer({part}), false},
-        {flood(capture(1, 1)), true},
-        {flood(visual(std::string(60000, 'a'), "")), true}, // may become too much before the time is over
-    };
+        {answer({}), false}, {answer({part}), false}, {flood, true}}; // too much before the time is over
     for (const auto &[conversation, flooding] : conversations) {
         const server_t server(conversation);
         session_t session(server.endpoint, {.answer_time = 200ms});
@@ -268,21 +270,7 @@ TEST(Decoder, DamagedMessagesNeverCrash)
             refused++;
         }
     }
-    EXPECT_GT(decoded, 1000);
-    EXPECT_GT(refused, 1000);
-}
-
-TEST(Merge, AnInterruptLeavesNoOutput)
-{
-    const temp_dir_t dir;
-    const std::string input = KESTRUNE_SOURCE_DIR "/examples/pcaps/web-dualstack-tls.pcap";
-    try {
-        merge_files({{input}, dir.path("out"), false, false, [] { return true; }});
-        ADD_FAILURE() << "merged";
-    } catch (const client_error_t &error) {
-        EXPECT_EQ(error.failure(), failure_t::INTERRUPTED);
-    }
-    EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
+    EXPECT_TRUE(decoded > 1000 && refused > 1000);
 }
 
 } // namespace

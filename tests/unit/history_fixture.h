@@ -3,10 +3,14 @@
 #pragma once
 
 #include "common/progress.h"
-#include "history_capture/history_capture.h"
-#include "support/fault.h"
+#include "history_capture/history_filter.h"
+#include "history_capture/history_ring.h"
+#include "history_capture/history_rules.h"
+#include "history_capture/history_search.h"
+#include "history_capture/packet_path.h"
 #include "support/host_records.h"
 #include "support/pcap_read.h"
+#include "support/process.h"
 #include "support/test_host.h"
 
 #include <atomic>
@@ -62,6 +66,23 @@ public:
         const ip_addr_t ip = numbered_address(number);
         return hc_add_rule(hc, &ip, direction, files.path(name).c_str());
     }
+    int32_t hold(uint8_t number, const std::string &name) const
+    {
+        const ip_addr_t ip = numbered_address(number);
+        return hc_hold_rule(hc, &ip, BOTH, files.path(name).c_str());
+    }
+    void release(uint8_t number) const
+    {
+        const ip_addr_t ip = numbered_address(number);
+        hc_release_rule(hc, &ip);
+    }
+    // Posts of the semaphore that the search thread has not taken.
+    int posts() const
+    {
+        int value = -1;
+        sem_getvalue(&hc->search_semaphore, &value);
+        return value;
+    }
     uint64_t progress(uint8_t number, uint8_t remove = 0) const
     {
         const ip_addr_t ip = numbered_address(number);
@@ -80,6 +101,7 @@ public:
     }
     hc_info_t info() const
     {
+        hc->oldest_looked_ms = 0; // as if nobody had asked for a while
         hc_info_t out = {};
         hc_info(hc, &out);
         return out;

@@ -1,6 +1,10 @@
+#include "common/thread.h"
 #include "support/control_fixture.h"
 #include "support/fault.h"
 
+#include <filesystem>
+#include <map>
+#include <netinet/in.h>
 #include <sys/resource.h>
 #include <thread>
 
@@ -182,9 +186,6 @@ TEST(Slots, The129thClientIsTurnedAwayAndTheLowestFreeSlotIsUsedNext)
     clients[90].end();
     clients[3].end();
     EXPECT_TRUE(resources_fall_to({descriptors - 4, threads - 2}));
-    fault::fail_function("pthread_create"); // a handler that cannot start costs its own connection only
-    EXPECT_EQ(server.connect_client().receive_all(), "");
-    fault::fail_function("");
     test_host::reset();
     clients[3] = server.connect_client();
     EXPECT_EQ(clients[3].ask(request(2, 0), 8).size(), 8U);
@@ -211,20 +212,105 @@ TEST(Slots, ALaterConnectionNeverInheritsRegistrations)
     }
 }
 
-TEST(Slots, WithoutDescriptorsAcceptingPausesAndGoesOn)
+// Nice values of the threads of this process against the calling thread's, by name.
+std::map<std::string, int> nice_values()
+{
+    std::map<std::string, int> values;
+    const int own = getpriority(PRIO_PROCESS, 0);
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        values[name] = getpriority(PRIO_PROCESS, static_cast<id_t>(std::stoi(task.path().filename()))) - own;
+    }
+    return values;
+}
+
+TEST(Threads, ThoseThatWorkForClientsAreBelowTheHostAndSearchesAreNot)
+{
+    server_t server(1);
+    const stream_t client = server.connect_client();
+    EXPECT_EQ(client.ask(request(4, 4, hex("00 00 00 00")), 4), SUCCESS);
+    const std::map<std::string, int> expected = {{"ks-listener", THREAD_LOWERED},
+                                                 {"ks-client", THREAD_LOWERED},
+                                                 {"ks-monitor", THREAD_LOWERED},
+                                                 {"ks-search", 0},
+                                                 {"ks-starter", 0},
+                                                 {"listener_test", 0}};
+    EXPECT_TRUE(wait_until([&] { return nice_values() == expected; }));
+}
+
+TEST(Slots, NoPermitIsHeldByAHandlerThatWaitsForItsClient)
 {
     server_t server;
-    rlimit before = {};
-    getrlimit(RLIMIT_NOFILE, &before);
-    const int next = dup(server.listener->sock);
-    close(next);
-    const rlimit none = {static_cast<rlim_t>(next) + 1, before.rlim_max}; // the client takes it
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    const stream_t waiting = server.connect_client();
-    EXPECT_TRUE(wait_until([] { return test_host::count("Too many open files") == 2; }));
-    setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_EQ(waiting.ask(request(2, 3), 8), NO_RULE);
-    EXPECT_LE(test_host::count("Unable to accept a connection: Too many open files"), 3);
+    const stream_t client = server.connect_client();
+    for (uint32_t i = 0; i < 1000; i++) {
+        ASSERT_EQ(client.ask(add_request(0, i, 0, 0, "rule"), 4), SUCCESS);
+    }
+    std::string lists;
+    for (int i = 0; i < 1000; i++) {
+        lists += request(2, 3); // 17 kB each
+    }
+    std::vector<stream_t> waited_for;
+    for (uint32_t i = 0; i <= LS_PERMITS; i++) {
+        waited_for.push_back(server.connect_client());
+        waited_for.back().send_bytes(ADD_EXAMPLE.substr(0, 10)); // the rest does not come
+        waited_for.push_back(server.connect_client());
+        waited_for.back().send_bytes(lists); // and nobody reads the replies
+    }
+    EXPECT_TRUE(wait_until([&] { // no further request is read
+        const int before = test_host::count("Received header");
+        poll(nullptr, 0, 200);
+        return test_host::count("Received header") == before;
+    }));
+    EXPECT_EQ(client.ask(request(2, 0), 8).size(), 8U);
+}
+
+TEST(Slots, OneOfTwoListenersOnOnePortStarts)
+{
+    for (int i = 0; i < 60; i++) {
+        captures_t captures;
+        const std::string port = [] { // free a moment ago
+            const stream_t probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+            listen(probe.fd, 1);
+            sockaddr_in address = {};
+            socklen_t size = sizeof address;
+            getsockname(probe.fd, reinterpret_cast<sockaddr *>(&address), &size);
+            return std::to_string(ntohs(address.sin_port));
+        }();
+        std::atomic<int> ready{0};
+        listener_t *listeners[2] = {};
+        {
+            std::vector<std::jthread> hosts;
+            for (listener_t *&listener : listeners) {
+                hosts.emplace_back([&] {
+                    ready++;
+                    while (ready < 2) {
+                    }
+                    listener = ls_init(captures.live, port.c_str(), 0, nullptr);
+                });
+            }
+        }
+        EXPECT_NE(listeners[0] != nullptr, listeners[1] != nullptr) << i;
+        for (listener_t *listener : listeners) {
+            ls_destroy(listener);
+        }
+        EXPECT_TRUE(
+            test_host::logged("kestrune: Listener: Unable to listen on socket: Address already in use") ||
+            test_host::logged("kestrune: Socket bind failed: Address already in use"));
+    }
+}
+
+TEST(Slots, AcceptingThatFailsAgainAndAgainPausesBetween)
+{
+    server_t server;
+    fault::fail_function("accept4");
+    const stream_t client = server.connect_client();
+    EXPECT_TRUE(
+        wait_until([] { return test_host::count("Unable to accept a connection: Protocol error") > 1; }));
+    poll(nullptr, 0, 300);
+    EXPECT_LE(test_host::count("Unable to accept a connection"), 3);
+    fault::fail_function("");
+    EXPECT_EQ(client.ask(request(2, 3), 8), NO_RULE);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "support/file_limit.h"
 #include "support/pcap_read.h"
+#include "support/process.h"
 
 #include <array>
 #include <cerrno>
@@ -9,39 +10,8 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <numeric>
-#include <sys/uio.h>
 #include <unistd.h>
 #include <vector>
-
-// The linker sends the writer's system calls through here, to let them be interrupted.
-extern "C" {
-ssize_t __real_writev(int fd, const iovec *pieces, int count);
-ssize_t __wrap_writev(int fd, const iovec *pieces, int count);
-ssize_t __real_write(int fd, const void *bytes, size_t size);
-ssize_t __wrap_write(int fd, const void *bytes, size_t size);
-}
-
-namespace {
-
-int interruptions = 0; // writing calls still to answer EINTR
-
-bool interrupted()
-{
-    errno = EINTR;
-    return interruptions > 0 && interruptions-- > 0;
-}
-
-} // namespace
-
-ssize_t __wrap_writev(int fd, const iovec *pieces, int count)
-{
-    return interrupted() ? -1 : __real_writev(fd, pieces, count);
-}
-
-ssize_t __wrap_write(int fd, const void *bytes, size_t size)
-{
-    return interrupted() ? -1 : __real_write(fd, bytes, size);
-}
 
 namespace {
 
@@ -72,7 +42,6 @@ protected:
 
 TEST_F(PcapWriter, FilesAreExactToTheByte)
 {
-    interruptions = 2; // nothing was written: made again
     ASSERT_EQ(write_pcap_header(fd), 0);
     ASSERT_EQ(write_pcap_packet(fd, packet.data(), 3, STAMP), 0);
     ASSERT_EQ(write_pcap_divided_packet(fd, packet.data(), 2, packet.data() + 100, 1, 3, STAMP + 1), 0);
@@ -91,14 +60,11 @@ TEST_F(PcapWriter, CutsLongPacketsAndAcceptsPiecesOfTheCutLength)
 {
     ASSERT_EQ(write_pcap_header(fd), 0);
     std::vector<pcap_record_t> expected;
-    for (const uint32_t length : {65534U, 65535U, 65536U, 70000U}) {
-        const uint32_t cut = std::min(length, 65535U);
-        const pcap_record_t record = {STAMP, length, std::string(packet.begin(), packet.begin() + cut)};
-        expected.insert(expected.end(), 2, record);
-        interruptions = 1;
+    for (const uint32_t length : {65535U, 65536U, 70000U}) {
+        expected.insert(expected.end(), 2,
+                        {STAMP, length, std::string(packet.begin(), packet.begin() + 65535)});
         ASSERT_EQ(write_pcap_packet(fd, packet.data(), length, STAMP), 0);
-        ASSERT_EQ(
-            write_pcap_divided_packet(fd, packet.data(), 40, packet.data() + 40, cut - 40, length, STAMP), 0);
+        ASSERT_EQ(write_pcap_divided_packet(fd, packet.data(), 40, &packet[40], 65495, length, STAMP), 0);
     }
     EXPECT_TRUE(read_pcap(path) == expected);
 }
@@ -106,38 +72,21 @@ TEST_F(PcapWriter, CutsLongPacketsAndAcceptsPiecesOfTheCutLength)
 TEST_F(PcapWriter, RefusalsWriteNothing)
 {
     const std::string no_header = "Tried to write packet to file without valid pcap global header, aborted\n";
-    const auto whole = [&] { return write_pcap_packet(fd, packet.data(), 10, STAMP); };
     const auto divided = [&](uint32_t first, uint32_t second, uint32_t length) {
         return write_pcap_divided_packet(fd, packet.data(), first, packet.data(), second, length, STAMP);
     };
-    expect_failure(whole, no_header, EINVAL);
+    expect_failure([&] { return write_pcap_packet(fd, packet.data(), 10, STAMP); }, no_header, EINVAL);
     expect_failure([&] { return divided(5, 5, 10); }, no_header, EINVAL);
     EXPECT_TRUE(file_bytes(path).empty());
-
     ASSERT_EQ(write_pcap_header(fd), 0);
-    const std::string header = file_bytes(path);
-    expect_failure([&] { return write_pcap_header(fd); },
-                   "Tried to write pcap global header into the middle of the file, aborted\n", EINVAL);
-    for (const auto &sizes : {std::array{40U, 59U, 100U}, std::array{40U, 61U, 100U},
-                              std::array{40U, 65500U, 70000U}, std::array{~0U, 2U, 1U}}) {
-        expect_failure([&] { return divided(sizes[0], sizes[1], sizes[2]); },
+    for (const auto &[a, b, length] : {std::array{40U, 59U, 100U}, std::array{40U, 61U, 100U},
+                                       std::array{40U, 65500U, 70000U}, std::array{~0U, 2U, 1U}}) {
+        expect_failure([&, a = a, b = b, length = length] { return divided(a, b, length); },
                        "Invalid data sizes of function write_pcap_divided_packet\n", EINVAL);
     }
-    EXPECT_EQ(file_bytes(path), header);
-}
-
-TEST_F(PcapWriter, BrokenDescriptorsAreReported)
-{
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    expect_failure([&] { return write_pcap_header(ends[1]); },
-                   "Checking position in file failed:: Illegal seek\n", ESPIPE);
-    close(ends[0]);
-    close(ends[1]);
-    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
-    expect_failure([&] { return write_pcap_header(full); },
-                   "Writing pcap header failed:: No space left on device\n", ENOSPC);
-    close(full);
+    expect_failure([&] { return write_pcap_header(fd); },
+                   "Tried to write pcap global header into the middle of the file, aborted\n", EINVAL);
+    EXPECT_EQ(file_bytes(path).size(), 24U);
 }
 
 TEST_F(PcapWriter, FullDiskTearsOneRecordAndLosesNothingBeforeIt)

@@ -50,32 +50,6 @@ private:
 
 } // namespace
 
-TEST(ProbeFlowTable, IdleAndActiveTimeOutsEndAFlow)
-{
-    probe::flow_table_t table({.active_ns = 100, .idle_ns = 30});
-    const std::pair<uint64_t, uint32_t> rows[] = {
-        {1000, 0}, {1029, 1}, {1059, 0},                       // idle for 30
-        {1080, 1}, {1109, 2}, {1138, 3}, {1158, 4}, {1159, 0}, // active for 100
-        {900, 1}, // from the past: ends nothing, and does not make it older
-        {1188, 2},
-    };
-    for (const auto &[time, counter] : rows) {
-        EXPECT_EQ(packet(&table, 1, time), counter) << time;
-    }
-    EXPECT_EQ(table.begun(), 3U);
-}
-
-TEST(ProbeFlowTable, IdleFlowsLeaveTheTableAsOthersArrive)
-{
-    constexpr uint64_t S = 1'000'000'000;
-    probe::flow_table_t table({});
-    for (uint64_t i = 0; i < 1500; i++) {
-        packet(&table, std::min<uint64_t>(i, 1000), i < 1000 ? S : 100 * S);
-    }
-    EXPECT_EQ(table.size(), 1U);
-    EXPECT_EQ(table.evicted(), 0U);
-}
-
 // Bound, order of eviction, time-outs and counters.
 TEST(ProbeFlowTable, AgreesWithAListSearchedFromEndToEnd)
 {
@@ -92,4 +66,5 @@ TEST(ProbeFlowTable, AgreesWithAListSearchedFromEndToEnd)
         ASSERT_LE(table.size(), limits.flow_count);
     }
     EXPECT_GT(table.evicted(), 1000U);
+    EXPECT_GT(table.begun(), table.evicted());
 }

@@ -1,11 +1,7 @@
-#include "probe/capture_file.h"
 #include "probe/packet_parser.h"
-#include "probe/packet_sink.h"
 
 #include <gtest/gtest.h>
 #include <memory>
-#include <set>
-#include <string>
 #include <vector>
 
 namespace {
@@ -158,72 +154,12 @@ TEST(ProbeParser, PacketsOfOneFlowHaveOneKeyAndOthersHaveOthers)
 TEST(ProbeParser, HeadersThatAreNoIpHeadersAreNotIp)
 {
     const std::vector<bytes_t> frames = {
-        ipv4({.first_byte = 0x65}, UDP_5000_TO_53),        // version 6 behind IPv4's type
-        ipv4({.first_byte = 0x44}, UDP_5000_TO_53),        // header of 16 bytes
-        ethernet(0x86DD) + bytes_t(60, 0x45),              // version 4 behind IPv6's type
-        ethernet(0x0806) + bytes_t(28, 0),                 // ARP
-        ethernet(0x0040) + bytes_t(64, 0x42),              // 802.3 length
-        ethernet(0x8100) + bytes_t{0, 1, 0x88, 0xCC, 0, 0} // LLDP behind a tag
-    };
+        ipv4({.first_byte = 0x65}, UDP_5000_TO_53), // version 6 behind IPv4's type
+        ipv4({.first_byte = 0x44}, UDP_5000_TO_53), // header of 16 bytes
+        ethernet(0x86DD) + bytes_t(60, 0x45),       // version 4 behind IPv6's type
+        ethernet(0x0806) + bytes_t(28, 0)};         // ARP
     for (const bytes_t &frame : frames) {
         probe::parsed_packet_t packet = {};
         EXPECT_EQ(parse(frame, frame.size(), &packet), verdict_t::NOT_IP);
     }
-}
-
-namespace {
-
-struct counting_sink_t final : public probe::packet_sink_t {
-    void take(const probe::parsed_packet_t &packet, const uint8_t * /*data*/, uint16_t length) override
-    {
-        (packet.header.ip_version == 4 ? ipv4 : ipv6)++;
-        bytes += length;
-        flows.insert(std::vector<uint64_t>(packet.key.words, packet.key.words + 5));
-    }
-
-    uint64_t ipv4 = 0;
-    uint64_t ipv6 = 0;
-    uint64_t bytes = 0;
-    std::set<std::vector<uint64_t>> flows;
-};
-
-} // namespace
-
-// The numbers are tshark's: -Y ip, -Y ipv6, -z io,phs (bytes), -z conv,tcp (flows of the first file).
-TEST(ProbeParser, RealCapturesCountAsTsharkCountsThem)
-{
-    struct row_t {
-        const char *file;
-        std::vector<uint64_t> counts; // IPv4, IPv6, not IP, bytes, flows, truncated
-    };
-    const row_t rows[] = {{"web-dualstack-tls.pcap", {3011, 4440, 0, 2734637, 334, 0}},
-                          {"vlan-qinq-icmp.pcap", {20, 0, 6, 2440, 2, 0}},
-                          // 36 fragments, all UDP from two hosts to one group each; none has more than one
-                          {"ipv6-fragments.pcap", {0, 36, 0, 6214, 2, 0}}};
-    for (const row_t &row : rows) {
-        probe::capture_file_t file(KESTRUNE_SOURCE_DIR "/examples/pcaps/" + std::string(row.file));
-        probe::reader_counters_t counters;
-        counting_sink_t sink;
-        probe::frame_reader_t reader(file.link_type(), &counters, &sink);
-        probe::captured_t captured = {};
-        while (file.next(&captured) == probe::capture_file_t::result_t::PACKET) {
-            reader.read(captured.data, captured.size, captured.timestamp_ns);
-        }
-        const std::vector<uint64_t> counted = {sink.ipv4,  sink.ipv6,         counters.not_ip.get(),
-                                               sink.bytes, sink.flows.size(), counters.truncated.get()};
-        EXPECT_EQ(counted, row.counts) << row.file;
-    }
-}
-
-TEST(ProbeParser, LongFramesAreClampedToWhatARecordHolds)
-{
-    probe::reader_counters_t counters;
-    counting_sink_t sink;
-    probe::frame_reader_t reader(probe::link_type_t::ETHERNET, &counters, &sink);
-    const bytes_t frame = ipv4({}, bytes_t(65536, 1));
-    reader.read(frame.data(), 65535, 1);
-    EXPECT_EQ(counters.clamped.get(), 0U);
-    reader.read(frame.data(), 65536, 1);
-    EXPECT_EQ(counters.clamped.get(), 1U);
-    EXPECT_EQ(sink.bytes, 2U * 65535);
 }

@@ -136,16 +136,6 @@ TEST(ProbeLinkType, LinkHeadersBecomeEthernetHeaders)
     }
 }
 
-TEST(ProbeLinkType, RawPacketsAreTakenByTheirVersion)
-{
-    probe::ethernet_maker_t raw(probe::link_type_of(DLT_RAW, "x"));
-    const uint8_t ipv6 = 0x60;
-    const uint8_t neither = 0x50;
-    EXPECT_EQ(raw.make(&ipv6, 1).data[12], 0x86);
-    EXPECT_EQ(raw.make(&neither, 1).data[12], 0xFF);
-    EXPECT_EQ(raw.make(nullptr, 0).size, 0U);
-}
-
 namespace {
 
 // Keeps the timestamps, or throws at one of them.

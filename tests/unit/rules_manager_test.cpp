@@ -72,6 +72,37 @@ TEST(FileNames, HistoryFilesFollowTheLiveFileForTheFirst64QueuesWithARing)
     }
 }
 
+// Whatever becomes of the rule's other captures, no ring keeps it held: its search ends there.
+TEST(Rules, EveryRingIsReleased)
+{
+    struct case_t {
+        uint32_t packet_limit;
+        uint32_t time_limit;
+        bool live_refused;
+        bool ring_refuses; // queue 0
+    };
+    for (const case_t &c : {case_t{10, 10, false, false},
+                            {0, 10, false, false},
+                            {10, 0, false, false},
+                            {10, 10, true, false},
+                            {10, 10, false, true}}) {
+        registry_t registry(3, 5000);
+        const ip_addr_t addr = numbered_address(1);
+        if (c.live_refused) {
+            ASSERT_EQ(lc_add_rule(registry.live, &addr, BOTH, 1, 1, (registry.directory + "taken").c_str()),
+                      LC_OK);
+        }
+        if (c.ring_refuses) {
+            registry.create("web_0_hc_0");
+        }
+        registry.ring_packet(1, 1, 2);
+        ASSERT_EQ(registry.add(1, BOTH, c.packet_limit, c.time_limit, "web"), RM_OK);
+        for (size_t queue = c.ring_refuses ? 1 : 0; queue < 3; queue++) {
+            EXPECT_TRUE(wait_until([&] { return registry.search_ended(queue, 1); })) << queue;
+        }
+    }
+}
+
 TEST(Rules, AddingAgainRenewsWidensOrFails)
 {
     registry_t registry(1, 10000);
@@ -175,14 +206,15 @@ TEST(Channel, AnUpdateThatGoesOutInPartEndsTheStream)
     connection_t connection;
     std::string bytes(1 << 24, 'x');
     iovec part = {bytes.data(), bytes.size()};
-    EXPECT_FALSE(msg_channel_update(&connection.channel, &part, 1, static_cast<uint32_t>(bytes.size())));
+    EXPECT_FALSE(rm_channel_update(&connection.channel, &part, 1, static_cast<uint32_t>(bytes.size())));
     const std::string received = connection.client.receive_all();
     EXPECT_LT(received.size(), bytes.size());
     EXPECT_FALSE(received.empty());
     part.iov_len = 1;
-    EXPECT_FALSE(msg_channel_update(&connection.channel, &part, 1, 1));
-    const uint8_t reply = 0;
-    EXPECT_EQ(msg_channel_reply(&connection.channel, &reply, 1), -1);
+    EXPECT_FALSE(rm_channel_update(&connection.channel, &part, 1, 1));
+    const uint8_t byte = 0;
+    rm_reply_t reply = {&byte, 1, 0};
+    EXPECT_EQ(rm_channel_reply(&connection.channel, &reply), RM_FAILED);
 }
 
 TEST(Channel, NoUpdateLandsInAReplyThatWaitsForRoom)
@@ -190,9 +222,12 @@ TEST(Channel, NoUpdateLandsInAReplyThatWaitsForRoom)
     connection_t connection;
     const std::string reply(1 << 24, 'r');
     std::thread handler([&] {
-        EXPECT_EQ(msg_channel_reply(&connection.channel, reinterpret_cast<const uint8_t *>(reply.data()),
-                                    static_cast<uint32_t>(reply.size())),
-                  0);
+        rm_reply_t rest = {reinterpret_cast<const uint8_t *>(reply.data()),
+                           static_cast<uint32_t>(reply.size()), 0};
+        while (rm_channel_reply(&connection.channel, &rest) == RM_WAITS) {
+            ASSERT_TRUE(rm_channel_wait(&connection.channel, &rest));
+        }
+        EXPECT_EQ(rest.size, 0U);
     });
     const auto mid_message = [&] {
         mutex_lock(&connection.channel.lock);
@@ -205,13 +240,13 @@ TEST(Channel, NoUpdateLandsInAReplyThatWaitsForRoom)
     iovec part = {&update, 1};
     std::string received;
     while (mid_message() && received.size() < reply.size()) { // there is room in the way again and again
-        EXPECT_FALSE(msg_channel_update(&connection.channel, &part, 1, 1) && mid_message());
+        EXPECT_FALSE(rm_channel_update(&connection.channel, &part, 1, 1) && mid_message());
         received += connection.client.receive(1 << 16);
     }
     received += connection.client.receive(reply.size() - received.size());
     EXPECT_TRUE(received == reply);
     handler.join();
-    EXPECT_TRUE(msg_channel_update(&connection.channel, &part, 1, 1));
+    EXPECT_TRUE(rm_channel_update(&connection.channel, &part, 1, 1));
     EXPECT_EQ(connection.client.receive(1), "u");
 }
 
@@ -270,26 +305,21 @@ TEST(Monitor, ManyUpdatesOfOnePassComeInOrderAndAFailingClientIsLeftOut)
 
 TEST(Monitor, AHistoryListIsCutAtTheLastWholeName)
 {
-    constexpr size_t name_size = 20000;
+    constexpr size_t LONG = 20000, ROOM = MSG_TEXT_WIRE_MAX - 3 * LONG - 3; // behind three names and commas
     registry_t registry(4);
-    char *names[4] = {};
     std::string texts[4];
-    for (int i = 0; i < 4; i++) {
-        texts[i] = registry.directory + std::string(name_size, static_cast<char>('a' + i));
-        names[i] = texts[i].data();
-    }
+    char *names[4] = {};
     rm_rule_t rule = {};
     rule.hist_files = names;
-    const auto length = [&] {
+    for (const auto &[last, expected] :
+         {std::pair{ROOM, size_t{MSG_TEXT_WIRE_MAX}}, {ROOM + 1, 3 * LONG + 2}}) {
+        for (size_t i = 0; i < 4; i++) {
+            texts[i] = registry.directory + std::string(i < 3 ? LONG : last, 'n');
+            names[i] = texts[i].data();
+        }
         EXPECT_TRUE(rm_compose_history_list(&registry.rm, &rule));
-        return std::strlen(registry.rm.filenames);
-    };
-    EXPECT_EQ(length(), 3 * name_size + 2);
-    texts[3].resize(registry.directory.size() + MSG_TEXT_WIRE_MAX - 3 * name_size - 3);
-    EXPECT_EQ(length(), MSG_TEXT_WIRE_MAX);
-    texts[3] += 'd';
-    names[3] = texts[3].data();
-    EXPECT_EQ(length(), 3 * name_size + 2);
+        EXPECT_EQ(std::strlen(registry.rm.filenames), expected);
+    }
 }
 
 // A rule of this name that comes to its end with one live packet and one history packet per queue.
@@ -373,44 +403,22 @@ TEST(Script, RunsWithNoSignalBlockedAndIsKilledWithItsChildrenWhenTheMonitorStop
     }
 }
 
-TEST(Memory, LackingForTheScriptsCommandSkipsItAndTheRuleStillEnds)
+TEST(Script, IsToldOfOnceWhileItRunsForLong)
 {
-    registry_t registry(1, 10000);
-    connection_t connection;
-    registry.set_script("touch \"$1.called\"");
-    EXPECT_EQ(registry.register_client(connection), RM_OK);
-    std::free(registry.rm.filenames);
-    registry.rm.filenames = nullptr;
-    registry.rm.filenames_size = 0;
-    registry.ring_packet(0, 1, 9);
-    EXPECT_EQ(registry.add(1, SRC, 1, 1000, "a"), RM_OK);
-    registry.live_packet(1, 9);
-    EXPECT_TRUE(wait_until([&] { return registry.search_ended(0, 1); }));
-    fault::fail_function("malloc");
-    registry.pass();
-    fault::fail_function("");
-    const std::string expected = incident(0, 1) + capture(0, 100) + visual(0, 1, 1, "", "a_0");
-    EXPECT_EQ(connection.client.receive(expected.size()), expected);
-    finish_rule_named(&registry, "b");
-    EXPECT_TRUE(registry.exists("b_1.called"));
-    EXPECT_FALSE(registry.exists("a_0.called"));
-}
-
-TEST(Memory, AFailedStepOfAnAddLeavesNoRule)
-{
-    registry_t registry(1, 10000);
-    bool failed = true;
-    uint32_t number = 0;
-    for (int n = 1; failed; n++) {
-        const size_t before = registry.list(ALL).size();
-        fault::fail_call(n);
-        const int32_t result = registry.add(++number, SRC, 10, 1000, "a");
-        failed = !fault::failed().empty();
-        fault::fail_call(0);
-        EXPECT_EQ(registry.list(ALL).size(), before + (result == RM_OK ? 1 : 0));
-        EXPECT_TRUE(result == RM_OK || result == RM_NOT_ADDED);
-    }
-    EXPECT_GE(number, 5U); // rule, name, history array and history name each failed once
+    static const char *const notice = "The capture script still runs";
+    registry_t registry;
+    rm_script_notice_ms = 50;
+    const std::string told = registry.scripts.path("told");
+    registry.set_script("until [ -e " + told + " ]; do sleep 0.01; done; sleep 0.2; exit 3");
+    std::thread teller([&] {
+        EXPECT_TRUE(wait_until([] { return test_host::logged(notice); }));
+        std::ofstream(told) << "told";
+    });
+    finish_rule_named(&registry, "a");
+    teller.join();
+    EXPECT_EQ(test_host::count(notice), 1);
+    EXPECT_TRUE(test_host::logged("Return value: 768")); // its result is not lost
+    rm_script_notice_ms = RM_SCRIPT_NOTICE_MS;
 }
 
 TEST(Printable, WritesControlCharactersOutAndCutsWhatDoesNotFit)

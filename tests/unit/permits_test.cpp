@@ -1,0 +1,157 @@
+// The inside of the permits: who is admitted when, and what a cancelled waiter leaves behind.
+#include "common/thread.h"
+#include "listener/permits.h"
+#include "support/test_host.h"
+
+#include <atomic>
+#include <chrono>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <thread>
+
+namespace {
+
+class room_t {
+public:
+    room_t() { ls_permits_init(&permits); }
+    uint32_t free()
+    {
+        mutex_lock(&permits.lock);
+        const uint32_t count = permits.free;
+        mutex_unlock(&permits.lock);
+        return count;
+    }
+    uint32_t waiting()
+    {
+        uint32_t count = 0;
+        mutex_lock(&permits.lock);
+        for (const ls_permit_t *waiter = permits.waiting; waiter != nullptr; waiter = waiter->next) {
+            count++;
+        }
+        mutex_unlock(&permits.lock);
+        return count;
+    }
+
+    ls_permits_t permits;
+};
+
+// A connection that asks once, its thread having used some processor time; it holds its permit until it is told.
+struct asker_t {
+    asker_t(room_t *of, int milliseconds) : room(of), use_ms(milliseconds)
+    {
+        ls_permit_open(&permit);
+        const uint32_t before = room->waiting();
+        EXPECT_EQ(thread_start(&thread, ask, this), 0);
+        EXPECT_TRUE(wait_until([&] { return room->waiting() == before + 1 || holds(); }));
+    }
+    static void close(void *asker)
+    {
+        auto *self = static_cast<asker_t *>(asker);
+        ls_permit_close(&self->room->permits, &self->permit);
+    }
+    static void *ask(void *asker)
+    {
+        auto *self = static_cast<asker_t *>(asker);
+        thread_begin("asker");
+        pthread_cleanup_push(close, asker);
+        timespec used = {};
+        while (used.tv_nsec < self->use_ms * 1000000L) {
+            clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+        }
+        ls_permit_enter(&self->room->permits, &self->permit);
+        while (!self->told) {
+            thread_pause(1);
+        }
+        pthread_cleanup_pop(1);
+        return nullptr;
+    }
+    bool holds()
+    {
+        mutex_lock(&room->permits.lock);
+        const bool holding = permit.state == ls_permit_state_t::HOLDING;
+        mutex_unlock(&room->permits.lock);
+        return holding;
+    }
+    void end()
+    {
+        told = true;
+        pthread_join(thread, nullptr);
+    }
+
+    room_t *room;
+    int use_ms;
+    std::atomic<bool> told{false};
+    ls_permit_t permit;
+    pthread_t thread;
+};
+
+TEST(Permits, GoToTheConnectionThatUsedLeast)
+{
+    room_t room;
+    asker_t first(&room, 0), second(&room, 0); // the two that hold
+    asker_t heavy(&room, 300), busy(&room, 200), light(&room, 20), quiet(&room, 0);
+    asker_t *const order[] = {&quiet, &light, &busy, &heavy};
+    EXPECT_EQ(room.free(), 0U);
+    EXPECT_EQ(room.waiting(), 4U);
+    for (size_t i = 0; i < std::size(order); i++) {
+        EXPECT_FALSE(order[i]->holds());
+        (i == 0 ? first : i == 1 ? second : *order[i - 2]).end();
+        EXPECT_TRUE(order[i]->holds()) << i;
+        EXPECT_EQ(room.waiting(), 3 - i);
+    }
+    busy.end();
+    heavy.end();
+    EXPECT_EQ(room.free(), LS_PERMITS);
+}
+
+TEST(Permits, ACancelledWaiterLeavesTheQueueAndACancelledHolderGivesItsPermitOn)
+{
+    room_t room;
+    asker_t first(&room, 0), second(&room, 0), gone(&room, 0), heir(&room, 0);
+    thread_stop(gone.thread);
+    EXPECT_EQ(room.waiting(), 1U);
+    thread_stop(first.thread);
+    EXPECT_TRUE(heir.holds());
+    second.end();
+    heir.end();
+    EXPECT_EQ(room.free(), LS_PERMITS);
+    // Granted and cancelled at one moment: the order in which the two reach the waiter must not matter.
+    for (int i = 0; i < 200; i++) {
+        asker_t holder(&room, 0), other(&room, 0), waiter(&room, 0);
+        holder.told = true;
+        thread_stop(waiter.thread);
+        pthread_join(holder.thread, nullptr);
+        other.end();
+        ASSERT_EQ(room.free(), LS_PERMITS) << i;
+    }
+}
+
+TEST(Permits, WhatAConnectionDidNotUseInThePastIsNotMadeUpFor)
+{
+    room_t room;
+    asker_t first(&room, 0), second(&room, 100); // each has had 100 ms by now
+    asker_t waiting(&room, 50), later(&room, 0); // so these two are equal
+    first.end();
+    EXPECT_TRUE(waiting.holds());
+    for (asker_t *asker : {&second, &waiting, &later}) {
+        asker->end();
+    }
+}
+
+// poll would be let off by up to half a percent of its time at this nice value.
+TEST(Pause, EndsWhenItsTimeIsOver)
+{
+    std::chrono::nanoseconds least = std::chrono::hours(1);
+    std::thread([&] {
+        thread_lower_priority();
+        for (int i = 0; i < 3; i++) {
+            const auto begin = std::chrono::steady_clock::now();
+            thread_pause(1000);
+            least = std::min(least, std::chrono::steady_clock::now() - begin - std::chrono::seconds(1));
+        }
+    }).join();
+    EXPECT_GE(least.count(), 0);
+    EXPECT_LT(least.count(), 2000000) << "ns";
+}
+
+} // namespace
