@@ -50,7 +50,7 @@ waitid 2 EINTR ECHILD
 waitpid 2 EINTR ECHILD""".splitlines()]
 # Imported as well: these cannot fail, or nothing depends on their result. Each stands for all names that begin so.
 HARMLESS = """
-    _ clock_gettime config_set_values difftime environ fclose feof fflush fprintf free freeaddrinfo fwrite
+    _ clock_gettime config_set_values difftime environ fclose feof fflush fprintf fputs free freeaddrinfo fwrite
     gai_strerror getpriority getrlimit gettid gettimeofday inet_ntop kill localtime_r mem munmap
     posix_spawnattr_ printf pthread_ sched_yield sem_destroy sem_post setpriority shutdown sig snprintf std
     str sysconf sysinfo time verbose_""".split()
