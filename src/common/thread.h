@@ -36,6 +36,9 @@ void thread_lower_priority();
 // leaves cancellation disabled.
 void thread_pause(uint32_t milliseconds);
 
+// poll() of one descriptor that can be cancelled there; leaves cancellation disabled.
+[[nodiscard]] int thread_poll(int fd, short events, int timeout_ms);
+
 // Request cancellation and wait for the thread to end, when the request was accepted. Blocks.
 void thread_stop(pthread_t thread);
 

@@ -179,11 +179,7 @@ bool is_shortage(int error)
 // poll before accept4, never in accept4 itself, which could lose a connection's descriptor.
 int accept_client(int sock)
 {
-    pollfd waiting = {sock, POLLIN, 0};
-    thread_cancel_enable();
-    const int ready = poll(&waiting, 1, -1);
-    thread_cancel_disable();
-    return ready == -1 ? -1 : accept4(sock, nullptr, nullptr, SOCK_CLOEXEC);
+    return thread_poll(sock, POLLIN, -1) == -1 ? -1 : accept4(sock, nullptr, nullptr, SOCK_CLOEXEC);
 }
 
 // Returns only when the socket cannot listen.

@@ -60,7 +60,24 @@ void hand_on(ls_permits_t *permits) KS_REQUIRES(permits->lock)
     }
     take_out(permits, next);
     grant(permits, next);
-    sem_post(&next->granted);
+    pthread_cond_signal(&next->granted);
+}
+
+void unlock(void *lock) KS_NO_ANALYSIS // the waiter's; a cancelled one has it again
+{
+    mutex_unlock(static_cast<mutex_t *>(lock));
+}
+
+// Gives the lock back, also when the thread is cancelled.
+void wait_until_granted(ls_permits_t *permits, ls_permit_t *permit) KS_RELEASE(permits->lock) KS_NO_ANALYSIS
+{
+    pthread_cleanup_push(unlock, &permits->lock);
+    thread_cancel_enable();
+    while (permit->state == ls_permit_state_t::WAITING) {
+        pthread_cond_wait(&permit->granted, &permits->lock.native);
+    }
+    thread_cancel_disable();
+    pthread_cleanup_pop(1);
 }
 
 } // namespace
@@ -76,13 +93,13 @@ void ls_permits_init(ls_permits_t *permits) KS_NO_ANALYSIS // not shared yet
 void ls_permit_open(ls_permit_t *permit)
 {
     *permit = {};
-    sem_init(&permit->granted, 0, 0);
+    permit->granted = PTHREAD_COND_INITIALIZER;
 }
 
 void ls_permit_close(ls_permits_t *permits, ls_permit_t *permit)
 {
     ls_permit_leave(permits, permit);
-    sem_destroy(&permit->granted); // nobody posts it without the room's lock
+    pthread_cond_destroy(&permit->granted); // nobody signals it without the room's lock
 }
 
 void ls_permit_enter(ls_permits_t *permits, ls_permit_t *permit)
@@ -99,11 +116,7 @@ void ls_permit_enter(ls_permits_t *permits, ls_permit_t *permit)
     }
     permit->state = ls_permit_state_t::WAITING;
     append(permits, permit);
-    mutex_unlock(&permits->lock);
-    thread_cancel_enable();
-    while (sem_wait(&permit->granted) != 0) { // a signal came
-    }
-    thread_cancel_disable();
+    wait_until_granted(permits, permit);
 }
 
 void ls_permit_leave(ls_permits_t *permits, ls_permit_t *permit)

@@ -21,19 +21,19 @@
 #include "common/lock.h"
 
 #include <cstdint>
-#include <semaphore.h>
+#include <pthread.h>
 
 constexpr uint32_t LS_PERMITS = 2;
 
 enum class ls_permit_state_t : uint8_t { IDLE, WAITING, HOLDING };
 
-// A connection's part. Guarded by the room's lock, but for `granted` and cpu_ns.
+// A connection's part. Guarded by the room's lock, but for cpu_ns.
 struct ls_permit_t {
     ls_permit_state_t state;
-    int64_t turn_ns;   // of its latest request, on the room's scale
-    ls_permit_t *next; // the waiter that came after this one
-    sem_t granted;     // posted when a waiter has become the holder
-    int64_t cpu_ns;    // the handler's: its thread's time that is counted so far
+    int64_t turn_ns;        // of its latest request, on the room's scale
+    ls_permit_t *next;      // the waiter that came after this one
+    pthread_cond_t granted; // signalled when a waiter has become the holder
+    int64_t cpu_ns;         // the handler's: its thread's time that is counted so far
 };
 
 struct ls_permits_t {

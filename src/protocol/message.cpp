@@ -175,6 +175,7 @@ bool msg_decode(msg_reader_t *in, Message *message)
     return !in->failed;
 }
 
+// NOLINTBEGIN(bugprone-macro-parentheses): a type in parentheses is no type
 #define INSTANTIATE(Message)                                                                                 \
     template bool msg_encode(msg_writer_t *, const Message &);                                               \
     template bool msg_decode(msg_reader_t *, Message *);
@@ -186,3 +187,4 @@ INSTANTIATE(msg_hb_info_t)
 INSTANTIATE(msg_update_incident_t)
 INSTANTIATE(msg_update_capture_t)
 INSTANTIATE(msg_update_visual_t)
+// NOLINTEND(bugprone-macro-parentheses)

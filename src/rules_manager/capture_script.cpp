@@ -176,10 +176,7 @@ bool runs_longer(pid_t child, int milliseconds)
     }
     int ended = 0;
     pthread_cleanup_push(close_descriptor, &fd);
-    pollfd process = {fd, POLLIN, 0};
-    thread_cancel_enable();
-    ended = poll(&process, 1, milliseconds);
-    thread_cancel_disable();
+    ended = thread_poll(fd, POLLIN, milliseconds);
     pthread_cleanup_pop(1);
     return ended == 0;
 }

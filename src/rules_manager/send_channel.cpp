@@ -59,10 +59,7 @@ bool rm_channel_wait(const rm_channel_t *channel, rm_reply_t *reply)
         errno = ETIMEDOUT;
         return false;
     }
-    pollfd room = {channel->fd, POLLOUT, 0};
-    thread_cancel_enable();
-    const int ready = poll(&room, 1, static_cast<int>(reply->deadline_ms - now));
-    thread_cancel_disable();
+    const int ready = thread_poll(channel->fd, POLLOUT, static_cast<int>(reply->deadline_ms - now));
     if (ready == 0) {
         errno = ETIMEDOUT;
     }
