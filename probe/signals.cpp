@@ -3,71 +3,62 @@
 #include "common/clock.h"
 #include "probe/error.h"
 
-#include <atomic>
-#include <cerrno>
 #include <csignal>
+#include <initializer_list>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 namespace probe {
 namespace {
 
-std::atomic<bool> stop_asked = false;
-std::atomic<bool> counters_asked = false;
-std::atomic<int> wake_fd = -1;
-static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
-
-void on_stop(int /*signal*/)
-{
-    const int saved_errno = errno;
-    stop_asked.store(true);
-    signals_wake();
-    errno = saved_errno;
-}
-
-void on_counters(int /*signal*/)
-{
-    const int saved_errno = errno;
-    counters_asked.store(true);
-    signals_wake();
-    errno = saved_errno;
-}
+int wake_fd = -1;   // written by signals_wake
+int signal_fd = -1; // SIGINT, SIGTERM, SIGUSR1
 
 void on_nothing(int /*signal*/) {}
 
-void handle(int signal, void (*handler)(int))
+void handle(int signal)
 {
     struct sigaction action = {};
-    action.sa_handler = handler;
+    action.sa_handler = on_nothing;
     action.sa_flags = SA_RESTART;
-    sigfillset(&action.sa_mask);
     sigaction(signal, &action, nullptr);
+}
+
+// The signals are blocked for good and taken from a descriptor: no handler runs, so none can come between a test and
+// the wait.
+int open_signals()
+{
+    sigset_t taken;
+    sigemptyset(&taken);
+    for (const int signal : {SIGINT, SIGTERM, SIGUSR1}) {
+        sigaddset(&taken, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &taken, nullptr);
+    return signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
 } // namespace
 
 void signals_install()
 {
-    if (wake_fd.load() < 0) {
-        const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        if (fd < 0) {
+    if (wake_fd < 0) {
+        wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        signal_fd = open_signals();
+        if (wake_fd < 0 || signal_fd < 0) {
             throw error_t("cannot create an event descriptor");
         }
-        wake_fd.store(fd);
     }
-    handle(SIGINT, on_stop);
-    handle(SIGTERM, on_stop);
-    handle(SIGUSR1, on_counters);
-    handle(SIGXFSZ, on_nothing);
-    handle(SIGPIPE, on_nothing);
+    handle(SIGXFSZ);
+    handle(SIGPIPE);
 }
 
 void signals_wake() noexcept
 {
     const uint64_t one = 1;
     // Fails only when the counter is full; the main thread then wakes anyway.
-    [[maybe_unused]] const ssize_t written = write(wake_fd.load(), &one, sizeof one);
+    [[maybe_unused]] const ssize_t written = write(wake_fd, &one, sizeof one);
 }
 
 wake_reasons_t signals_wait(uint64_t until_monotonic_ns)
@@ -75,13 +66,15 @@ wake_reasons_t signals_wait(uint64_t until_monotonic_ns)
     const uint64_t now = monotonic_now_ns();
     const uint64_t left = until_monotonic_ns > now ? until_monotonic_ns - now : 0;
     const timespec timeout = timespec_of(left);
-    pollfd event = {wake_fd.load(), POLLIN, 0};
-    ppoll(&event, 1, &timeout, nullptr);
+    pollfd events[] = {{wake_fd, POLLIN, 0}, {signal_fd, POLLIN, 0}};
+    ppoll(events, 2, &timeout, nullptr);
     uint64_t count = 0;
-    [[maybe_unused]] const ssize_t got = read(wake_fd.load(), &count, sizeof count); // nothing to read: fine
+    [[maybe_unused]] const ssize_t got = read(wake_fd, &count, sizeof count); // nothing to read: fine
     wake_reasons_t reasons;
-    reasons.stop = stop_asked.exchange(false);
-    reasons.counters = counters_asked.exchange(false);
+    signalfd_siginfo taken = {};
+    while (read(signal_fd, &taken, sizeof taken) == sizeof taken) {
+        (taken.ssi_signo == SIGUSR1 ? reasons.counters : reasons.stop) = true;
+    }
     return reasons;
 }
 
