@@ -214,7 +214,8 @@ uint32_t parse_size_mb(std::string_view text)
 void check_rule_name(std::string_view name)
 {
     if (name.empty() || name.size() > MSG_NAME_MAX) {
-        refuse(name, "has " + std::to_string(name.size()) + " bytes; a rule's name has 1 to 127");
+        refuse(name, "has " + std::to_string(name.size()) + " bytes; a rule's name has 1 to " +
+                         std::to_string(MSG_NAME_MAX));
     }
     for (const char c : name) {
         const auto byte = static_cast<unsigned char>(c);
