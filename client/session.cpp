@@ -16,6 +16,12 @@ deadline_t in(std::chrono::milliseconds time)
     return std::chrono::steady_clock::now() + time;
 }
 
+std::string seconds_text(std::chrono::milliseconds time)
+{
+    const bool whole = time.count() % 1000 == 0;
+    return whole ? std::to_string(time.count() / 1000) + "s" : std::to_string(time.count()) + "ms";
+}
+
 std::vector<uint8_t> bytes_of(uint32_t value)
 {
     std::vector<uint8_t> bytes(MSG_VALUE_SIZE);
@@ -236,8 +242,7 @@ message_t session_t::await_reply(deadline_t deadline)
             keep(std::get<update_t>(std::move(*message)), message_size_);
         }
         if (!message || std::chrono::steady_clock::now() >= deadline) {
-            end(failure_t::TIMEOUT,
-                "no answer within " + std::to_string(options_.answer_time.count()) + " ms");
+            end(failure_t::TIMEOUT, "no answer within " + seconds_text(options_.answer_time));
         }
     }
 }

@@ -78,14 +78,16 @@ std::string why_not_an_address(const std::string &text)
     if (text.find('%') != std::string::npos) {
         return "has a zone; packets carry none: give the address without '%' and what follows it";
     }
-    if (text.find(':') != std::string::npos) {
-        return "is not an IPv6 address (for example 2001:db8::1)";
+    if (const size_t colon = text.find(':'); colon != std::string::npos) {
+        const bool port = colon == text.rfind(':') && text.find('.') < colon;
+        return port ? "has a port; a rule records all ports of an address: give the address alone"
+                    : "is not an IPv6 address (for example 2001:db8::1)";
     }
     if (text.find_first_not_of("0123456789.") == std::string::npos) {
         return "is not an IPv4 address: write four numbers of 0 to 255 without leading zeros (10.0.0.1)";
     }
-    return "is a host name or no address at all; a rule watches an IP address: look it up first (getent "
-           "ahosts NAME) and add each address";
+    return "is a host name or no address at all; a rule watches an IP address: look the name up first "
+           "(getent ahosts NAME) and give its addresses";
 }
 
 struct unit_t {

@@ -21,6 +21,11 @@ constexpr size_t FILE_SIZE_MAX = size_t{64} << 20;
     throw client_error_t(failure_t::LOCAL, text);
 }
 
+std::string name_of(const std::string &path)
+{
+    return path == "-" ? "standard input" : path;
+}
+
 std::string read_file(const std::string &path)
 {
     struct close_t {
@@ -37,10 +42,10 @@ std::string read_file(const std::string &path)
         text.append(room.data(), size);
     }
     if (!file || std::ferror(file.get()) != 0) {
-        fail(path + " cannot be read: " + std::generic_category().message(errno));
+        fail(name_of(path) + " cannot be read: " + std::generic_category().message(errno));
     }
     if (text.size() > FILE_SIZE_MAX) {
-        fail(path + " is larger than 64 MiB, more than any list of addresses needs");
+        fail(name_of(path) + " is larger than 64 MiB, more than any list of addresses needs");
     }
     return text;
 }
@@ -62,11 +67,11 @@ std::vector<std::string> read_address_files(options_t *options)
             }
         }
         for (const std::string &text : found.left_out) {
-            left_out.push_back((path == "-" ? "standard input" : path) + ", " + text);
+            left_out.push_back(name_of(path) + ", " + text);
         }
     }
     if (options->addrs.empty()) {
-        fail("there is no address in " + options->from.front() +
+        fail("there is no address in " + name_of(options->from.front()) +
              (options->from.size() > 1 ? " and the other files" : "") +
              (left_out.empty() ? "" : " that a rule can watch: " + left_out.front()));
     }

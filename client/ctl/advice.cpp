@@ -31,7 +31,8 @@ std::string advice(const client_error_t &error, const options_t &options, const 
                "another "
                "with -s HOST:PORT";
     case failure_t::TIMEOUT:
-        return what + ". The probe may be stopped or busy: try again, or wait longer with --timeout";
+        return what + ". The probe may be stopped or busy: try again, or wait longer with --timeout; or "
+                      "another service listens there";
     case failure_t::CLOSED:
         return what +
                ". It serves 128 connections at a time, and may just have been stopped; its log says why";

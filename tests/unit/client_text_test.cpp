@@ -34,6 +34,7 @@ TEST(Address, WhatIsNoAddressIsRefusedWithItsReason)
         {"010.0.0.1", "leading zeros"},  {"1:2", "not an IPv6 address"},
         {"::1:2:3:4:5:6:7:8", "not an"}, {"::102:304:ffff:ffff", "IPv4 address 1.2.3.4"},
         {"[10.0.0.1]", "host name"},     {" 10.0.0.1", "host name"},
+        {"10.0.0.1:443", "has a port"},  {"1.2.3.4::5", "not an IPv6 address"},
     };
     for (const auto &[text, reason] : cases) {
         try {
