@@ -142,7 +142,7 @@ void print_usage_error(const command_line_t &line)
     if (line.json) {
         std::puts(to_json(answer_t{"", "", line.status, line.error}).c_str());
     } else {
-        std::fprintf(stderr, "kestrunectl: %s\nSee kestrunectl --help\n", line.error.c_str());
+        std::fprintf(stderr, "kestrunectl: %s\nSee %s\n", line.error.c_str(), line.help.c_str());
     }
 }
 

@@ -6,6 +6,7 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -21,6 +22,8 @@ JSON object on one line of standard output.
 
 Exit status: 0 done, 1 failed, 2 wrong usage, 3 cannot connect, 4 refused by the plugin, 124 --wait ran out of time,
 130 interrupted. With several probes: the highest of them.
+
+"kestrunectl COMMAND --help" lists a command's options. The options above stand before or behind the command.
 
 Examples:
   kestrunectl history on 512M
@@ -117,10 +120,25 @@ std::chrono::milliseconds parse_time(const std::string &text)
     return time;
 }
 
+// Keeps the options' column narrow: which options exclude or need each other stands in their descriptions.
+class formatter_t : public CLI::Formatter {
+public:
+    std::string make_option_opts(const CLI::Option *option) const override
+    {
+        if (option->get_type_size() == 0) {
+            return "";
+        }
+        const std::string type = option->get_type_name();
+        return (type.empty() ? "" : " " + type) + (option->get_expected_max() == MANY ? " ..." : "") +
+               (option->get_required() ? " REQUIRED" : "");
+    }
+};
+
 class builder_t {
 public:
     explicit builder_t(CLI::App *app) : app_(app)
     {
+        app->formatter(std::make_shared<formatter_t>()); // first, since subcommands inherit it
         app->require_subcommand(1);
         app->fallthrough();
         app->set_version_flag("--version", "kestrunectl " KESTRUNE_VERSION);
@@ -213,11 +231,12 @@ private:
                                 "the name of the rules (default: made from address and time)")
                     ->type_name("NAME");
         sub->add_flag("--history-only", options_.history_only,
-                      "only what the history buffers hold, no live capture")
+                      "only what the history buffers hold, no live capture; excludes -c and -t")
             ->excludes(packets)
             ->excludes(time);
         CLI::Option *wait = sub->add_flag("-w,--wait", options_.wait, "stay until the rules are finished");
-        add_parsed(sub, "--wait-time", &options_.wait_time, parse_time, "how long --wait stays at most")
+        add_parsed(sub, "--wait-time", &options_.wait_time, parse_time,
+                   "how long --wait stays at most; needs --wait")
             ->type_name("TIME")
             ->needs(wait);
         sub->footer(ADD_FOOTER);
@@ -236,9 +255,10 @@ private:
                                             "only rules of exactly this direction: src, dst, both")
                                      ->type_name("DIRECTION");
         CLI::Option *brief = sub->add_flag("-b,--brief", options_.brief, "addresses alone, one in a line");
-        sub->add_flag("-W,--watch", options_.repeat, "show the rules again every second until stopped")
+        sub->add_flag("-W,--watch", options_.repeat,
+                      "show the rules again every second until stopped; excludes -b")
             ->excludes(brief);
-        sub->add_flag("--all", all_, "rules of every direction (default)")->excludes(direction);
+        sub->add_flag("--all", all_, "rules of every direction (default); excludes -d")->excludes(direction);
 
         sub = command(app_, command_t::SHOW, "show", "show how far a running live capture has come");
         addresses(sub, "IPv4 or IPv6 address", 1)->required();
@@ -262,7 +282,8 @@ private:
         CLI::App *sub = command(app_, command_t::HEAVY, "heavy",
                                 "keep only the first packets of each flow in the history");
         const auto count = [](const std::string &text) { return parse_count(text, 0); };
-        add_parsed(sub, "N", &options_.heavy, count, "packets of a flow; 0 keeps none")
+        add_parsed(sub, "N", &options_.heavy, count,
+                   "packets of a flow (20 at the probe's start); 0 keeps none, 4294967295 keeps all")
             ->required()
             ->type_name("");
 
@@ -315,6 +336,15 @@ private:
     std::map<const CLI::App *, command_t> commands_;
 };
 
+// The word that stands where a command is needed; empty without one.
+std::string unknown_command(const CLI::App &app)
+{
+    const std::vector<std::string> words = app.remaining(true);
+    const auto found = std::find_if(words.begin(), words.end(),
+                                    [](const std::string &word) { return !word.starts_with('-'); });
+    return found != words.end() ? *found : "";
+}
+
 // CLI11 reports only that a command is required, even when an unknown one was given.
 std::string usage_text(const CLI::App &app, const CLI::ParseError &error)
 {
@@ -324,12 +354,24 @@ std::string usage_text(const CLI::App &app, const CLI::ParseError &error)
     }
     const std::vector<CLI::App *> chosen = app.get_subcommands();
     const CLI::App &parent = chosen.empty() ? app : *chosen.front();
-    std::string text = "a command is needed:";
+    const std::string unknown = unknown_command(app);
+    std::string text =
+        unknown.empty() ? "a command is needed:" : "'" + printable(unknown) + "' is no command; there are:";
     for (const CLI::App *sub : parent.get_subcommands(nullptr)) {
         text += " " + (&parent == &app ? "" : parent.get_name() + " ") + sub->get_name() + ",";
     }
     text.pop_back();
     return text;
+}
+
+command_line_t usage_error(const CLI::App &app, const std::string &text, bool json)
+{
+    std::string help = app.get_name();
+    for (const CLI::App *command = &app; !command->get_subcommands().empty();) {
+        command = command->get_subcommands().front();
+        help += " " + command->get_name();
+    }
+    return {std::nullopt, EXIT_USAGE, text, help + " --help", json};
 }
 
 } // namespace
@@ -351,14 +393,14 @@ command_line_t parse_command_line(int argc, char **argv)
     builder_t builder(&app);
     try {
         app.parse(argc, argv);
-        return {builder.finish(), EXIT_DONE, "", json};
+        return {builder.finish(), EXIT_DONE, "", "", json};
     } catch (const CLI::Success &help) {
         app.exit(help);
-        return {std::nullopt, EXIT_DONE, "", json};
+        return {std::nullopt, EXIT_DONE, "", "", json};
     } catch (const CLI::ParseError &error) {
-        return {std::nullopt, EXIT_USAGE, usage_text(app, error), json};
+        return usage_error(app, usage_text(app, error), json);
     } catch (const std::invalid_argument &error) {
-        return {std::nullopt, EXIT_USAGE, error.what(), json};
+        return usage_error(app, error.what(), json);
     }
 }
 

@@ -67,6 +67,7 @@ struct command_line_t {
     std::optional<options_t> options; // empty: end with this status
     int status = EXIT_DONE;
     std::string error; // of EXIT_USAGE
+    std::string help;  // of EXIT_USAGE: the command line that explains the usage
     bool json = false; // form of the error
 };
 

@@ -37,14 +37,20 @@ json_t visual_fields(const visual_t &visual)
             {"history_files", visual.history_files}};
 }
 
+// "1 file", "2 files"
+std::string counted(uint64_t count, const std::string &what)
+{
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
 // "12 live packets in web_5, 30 history packets in web_5_hc_0, web_5_hc_1"
 std::string files_text(const visual_t &visual)
 {
-    std::string text = std::to_string(visual.live_packets) + " live packets";
+    std::string text = counted(visual.live_packets, "live packet");
     if (!visual.live_file.empty()) {
         text += " in " + printable(visual.live_file);
     }
-    text += ", " + std::to_string(visual.history_packets) + " history packets";
+    text += ", " + counted(visual.history_packets, "history packet");
     const char *separator = " in ";
     for (const std::string &file : visual.history_files) {
         text += separator + printable(file);
@@ -294,7 +300,7 @@ json_t to_json(const history_state_t &state)
 std::string to_text(const history_state_t &state)
 {
     const msg_hb_info_t &info = state.info;
-    const std::string queues = std::to_string(info.queue_count) + " queues";
+    const std::string queues = counted(info.queue_count, "queue");
     const std::string heavy = "\nheavy threshold: " + std::to_string(info.heavy_size) + " packets";
     if (info.size == 0) {
         return "history:         off (" + queues + ")" + heavy;
@@ -343,8 +349,8 @@ json_t to_json(const merged_t &merged)
 
 std::string to_text(const merged_t &merged)
 {
-    std::string text = "merged " + std::to_string(merged.result.total) + " packets of " +
-                       std::to_string(merged.inputs.size()) + " files into " + printable(merged.output);
+    std::string text = "merged " + counted(merged.result.total, "packet") + " of " +
+                       counted(merged.inputs.size(), "file") + " into " + printable(merged.output);
     for (size_t i = 0; i < merged.inputs.size(); i++) {
         if (merged.result.cut[i]) {
             text += "; " + printable(merged.inputs[i]) + " ends in a cut record";

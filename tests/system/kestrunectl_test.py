@@ -75,6 +75,8 @@ class Commands(WithProbe):
     def test_wrong_command_lines_end_with_2_and_say_why(self):
         cases = (
             ((), "a command is needed"),
+            (("fetch", "10.0.0.1"), "'fetch' is no command"),
+            (("history", "of"), "See kestrunectl history --help"),
             (("history",), "history status"),
             (("add",), "ADDRESS"),
             (("add", "www.example.org"), "host name"),
