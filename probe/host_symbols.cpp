@@ -1,5 +1,6 @@
 // What the program provides to the plugin, under the names that host-symbols.list exports.
 #include "common/host_interface.h"
+#include "probe/capture_paths.h"
 #include "probe/history_size.h"
 #include "probe/log.h"
 #include "probe/params.h"
@@ -26,6 +27,7 @@ int config_set_values(const char *params, config_option_t *options)
         std::string error;
         const std::string all = probe::with_history_size(params != nullptr ? params : "", options);
         if (parser.parse(all, options, &error)) {
+            probe::check_capture_paths(all, options);
             return 0;
         }
         probe::log_error("%s", error.c_str());

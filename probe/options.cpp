@@ -58,7 +58,7 @@ std::string read_verbosity(const std::string &text, int32_t *verbosity)
     }
     int number = 0;
     if (!CLI::detail::lexical_cast(text, number) || number < -1 || number > 5) {
-        return "--verbose takes a number from -1 to 5, not " + text;
+        return "--verbose takes a number from 0 to 5, not " + text;
     }
     *verbosity = number;
     return "";
@@ -239,7 +239,8 @@ void add_queues_and_plugin(CLI::App *app, options_t *options, parsed_t *parsed)
                    throw CLI::ValidationError(error);
                }
            },
-           "Log informational messages up to this level (1 to 5; 0: errors only); -v alone is 1, -vvv is 3")
+           "Log informational messages up to this level (1 to 5; 0: errors and warnings only); -v alone is "
+           "1, -vvv is 3")
         ->expected(0, 1)
         ->type_name("LEVEL");
 }

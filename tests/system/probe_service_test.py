@@ -114,6 +114,16 @@ class Configuration(unittest.TestCase):
                     self.assertRegex(done.stderr.splitlines()[-1], " ERROR .*" + words)
 
 
+    def test_paths_that_no_rule_could_use_are_warned_of_at_the_start(self):
+        as_nobody = ("setpriv", "--reuid=65534", "--clear-groups") if os.geteuid() == 0 else ()
+        with Probe("-r", TAGGED, "--stay", "--history", "8", params="export_path=/;capture_script=none",
+                   prefix=as_nobody) as started:
+            warnings = re.findall(" WARNING (.*)", started.text("err"))
+            self.assertEqual(len(warnings), 2)
+            self.assertIn("written to the directory /: Permission denied", warnings[0])
+            self.assertIn("/usr/bin/kestrune/none cannot be read", warnings[1])
+
+
 class Notifications(unittest.TestCase):
     def test_the_service_manager_hears_of_start_life_and_stop(self):
         folder = tempfile.TemporaryDirectory(prefix="kestrune_test_")
