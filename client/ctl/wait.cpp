@@ -295,6 +295,11 @@ private:
                 "at 0 again when the probe restarts), or its disk is full. Add it under a name that was "
                 "never "
                 "used, or without -n";
+        } else if (ended_early(*rule, report)) {
+            rule->answer.hint = "the live capture of " + rule->address + " ended after " +
+                                std::to_string(report.live_packets) +
+                                " packets, before its limits: another client removed the rule, or its file "
+                                "could not be written, as on a full disk (the probe's log says which)";
         } else if (!options_.name.empty() && rule->added().request.packet_limit == 0 &&
                    report.history_files.empty()) {
             rule->answer.hint =
@@ -304,6 +309,16 @@ private:
                 "was never used, or no -n, rules that out";
         }
         close(rule);
+    }
+
+    // The limits of a rule that existed before are unknown.
+    bool ended_early(rule_t &rule, const visual_t &report) const
+    {
+        const add_request_t &request = rule.added().request;
+        const auto waited =
+            steady_t::now() - begin_ + std::chrono::seconds(1); // the probe counts whole seconds
+        return rule.id && rule.answer.status == EXIT_DONE && report.live_packets < request.packet_limit &&
+               waited < std::chrono::seconds(request.time_limit_s);
     }
 
     void time_out(rule_t *rule)
@@ -397,6 +412,7 @@ private:
     std::vector<answer_t> answers_; // so far
     size_t open_ = 0;
     bool learning_ = true;
+    const deadline_t begin_ = steady_t::now();
     deadline_t next_poll_ = steady_t::now();
 };
 

@@ -251,6 +251,13 @@ class Wait(WithProbe):
         self.assertIn("5 live packets in web_0, 9 history packets in web_0_hc_0, web_0_hc_1", out)
         self.assertIn("10.0.0.1 40%\n", err)
 
+    def test_a_live_capture_that_ended_before_its_limits_is_pointed_out(self):
+        for packets, early in ((6, True), (7, False)):
+            process = self.add("--json", "-c", "7")
+            self.probe.finish("10.0.0.1", live=b"web_0", live_packets=packets)
+            status, out, _ = finish(process)
+            self.assertEqual((status, "before its limits" in json.loads(out).get("hint", "")), (0, early))
+
     def test_an_interrupted_wait_removes_its_rule(self):
         for number in (signal.SIGINT, signal.SIGTERM):
             process = self.add()
@@ -280,7 +287,7 @@ class Wait(WithProbe):
         addresses = ["10.0.0.%d" % i for i in range(1, 101)]
         self.probe.add("10.0.0.1", name="here before")
         for interrupted in (True, False):
-            process = self.start("add", *addresses, "--wait")
+            process = self.start("add", *addresses, "-c", "49", "--wait")
             self.probe.wait(lambda: len(self.probe.rules) == 100 and len(self.probe.connections) == 2)
             for address in addresses[:50 if interrupted else 100]:
                 live = "%s_%d" % (self.probe.rules[key_of(address)]["name"], self.probe.rules[key_of(address)]["id"])
