@@ -10,7 +10,7 @@ _kestrune_probe()
         return
         ;;
     -i | --interface) values=$(cd /sys/class/net 2>/dev/null && echo *) ;;
-    -P | --params) values='port= export_path= buffer_size= capture_script=' && compopt -o nospace 2>/dev/null ;;
+    -P | --params) values='port= export_path= buffer_size= capture_script= verbose=' && compopt -o nospace 2>/dev/null ;;
     -v | --verbose) values='0 1 2 3 4 5' ;;
     *) values=$("$1" --help 2>/dev/null | sed -n 's/^ *\(-[A-Za-z],\)\{0,1\}\(--[a-z][a-z-]*\).*/\2/p') ;;
     esac
