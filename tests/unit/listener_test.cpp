@@ -1,6 +1,5 @@
 #include "common/thread.h"
 #include "support/control_fixture.h"
-#include "support/fault.h"
 
 #include <filesystem>
 #include <map>
@@ -156,9 +155,6 @@ TEST(History, IsTurnedOnAsFarAsTheQueuesAllow)
     hc_disable(server.history[1]);
     hc_disable(server.history[2]);
 
-    fault::fail_function("pthread_create");
-    EXPECT_EQ(client.ask(request(4, 4, hex("03 00 00 00")), 4), FAIL);
-    fault::fail_function("");
     EXPECT_EQ(client.ask(request(4, 4, hex("03 00 00 00")), 4), SUCCESS);
     server.ring_packet(0, 1, 2);
     server.ring_packet(2, 1, 2);
@@ -298,19 +294,6 @@ TEST(Slots, OneOfTwoListenersOnOnePortStarts)
             test_host::logged("kestrune: Listener: Unable to listen on socket: Address already in use") ||
             test_host::logged("kestrune: Socket bind failed: Address already in use"));
     }
-}
-
-TEST(Slots, AcceptingThatFailsAgainAndAgainPausesBetween)
-{
-    server_t server;
-    fault::fail_function("accept4");
-    const stream_t client = server.connect_client();
-    EXPECT_TRUE(
-        wait_until([] { return test_host::count("Unable to accept a connection: Protocol error") > 1; }));
-    poll(nullptr, 0, 300);
-    EXPECT_LE(test_host::count("Unable to accept a connection"), 3);
-    fault::fail_function("");
-    EXPECT_EQ(client.ask(request(2, 3), 8), NO_RULE);
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 #include "common/printable.h"
 #include "rules_manager/capture_script.h"
 #include "support/control_fixture.h"
-#include "support/fault.h"
 
 #include <atomic>
 #include <fstream>
