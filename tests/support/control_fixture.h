@@ -38,15 +38,6 @@ inline std::string hex(const std::string &digits)
     return bytes;
 }
 
-inline std::string little_endian(uint64_t value, int size)
-{
-    std::string bytes;
-    for (int i = 0; i < size; i++) {
-        bytes += static_cast<char>(value >> (8 * i));
-    }
-    return bytes;
-}
-
 // Parts of a message as the product encodes them.
 template <typename... T>
 std::string encoded(const T &...parts)
@@ -55,12 +46,6 @@ std::string encoded(const T &...parts)
     msg_writer_t out = msg_writer(room, sizeof room);
     EXPECT_TRUE((msg_encode(&out, parts) && ...));
     return {reinterpret_cast<const char *>(room), out.used};
-}
-
-inline std::string address_bytes(uint32_t number)
-{
-    const ip_addr_t addr = numbered_address(number);
-    return {reinterpret_cast<const char *>(addr.bytes), sizeof addr.bytes};
 }
 
 inline std::string request(uint8_t action, uint8_t target, const std::string &payload = "")
@@ -114,6 +99,13 @@ public:
             close(std::exchange(fd, -1));
         }
     }
+    // On a port of the system's choice.
+    static stream_t listening()
+    {
+        stream_t stream(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(listen(stream.fd, 8), 0);
+        return stream;
+    }
     // Connected to the socket of this process that listens on it.
     static stream_t connected_to(int listening)
     {
@@ -164,8 +156,7 @@ public:
 struct connection_t {
     connection_t()
     {
-        const stream_t port(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        EXPECT_EQ(listen(port.fd, 1), 0); // on a port of the system's choice
+        const stream_t port = stream_t::listening();
         client = stream_t::connected_to(port.fd);
         server = stream_t(accept4(port.fd, nullptr, nullptr, SOCK_CLOEXEC));
         rm_channel_open(&channel, server.fd);
@@ -274,22 +265,20 @@ public:
         const ip_addr_t addr = numbered_address(number);
         return rm_drop_rule(&rm, &addr, direction);
     }
-    int32_t detail(uint32_t number, rm_detail_t *reply)
+    // All zeros for a rule without a live capture.
+    msg_ip_detail_t detail(uint32_t number)
     {
         const ip_addr_t addr = numbered_address(number);
-        return rm_address_detail(&rm, reply, &addr);
+        rm_detail_t reply = {};
+        (void)rm_address_detail(&rm, &reply, &addr);
+        return reply.fixed;
     }
-    // Last byte of each listed address and its direction, newest first.
-    std::vector<std::pair<int, int>> list(uint8_t filter)
+    int32_t rules()
     {
         msg_ip_list_item_t *items = nullptr;
-        const int32_t count = rm_address_list(&rm, filter, &items);
-        std::vector<std::pair<int, int>> found;
-        for (int32_t i = 0; i < count; i++) {
-            found.emplace_back(items[i].addr.bytes[4], items[i].direction);
-        }
+        const int32_t count = rm_address_list(&rm, msg_target::ALL, &items);
         std::free(items);
-        return found;
+        return count;
     }
     int32_t register_client(connection_t &connection)
     {
@@ -301,7 +290,7 @@ public:
     {
         return wait_until([&] {
             pass();
-            return list(msg_target::ALL).empty();
+            return rules() == 0;
         });
     }
 
@@ -315,13 +304,7 @@ public:
     {
         rm_pass_pause_ms = pass_pause_ms;
         listener = ls_init(live, "0", queues, history.data());
-        EXPECT_NE(listener, nullptr);
-        EXPECT_TRUE(wait_until([&] {
-            int listening = 0;
-            socklen_t size = sizeof listening;
-            getsockopt(listener->sock, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size);
-            return listening != 0;
-        }));
+        EXPECT_TRUE(listener != nullptr && wait_until([] { return listening_port() != 0; }));
     }
     ~server_t() { stop(); }
     void stop()
@@ -330,6 +313,15 @@ public:
         listener = nullptr;
     }
     stream_t connect_client() const { return stream_t::connected_to(listener->sock); }
+    // Every handler waits for its client (the host is to keep the messages).
+    static bool reads_no_more()
+    {
+        return wait_until([] {
+            const int before = test_host::count("Received header");
+            poll(nullptr, 0, 200);
+            return test_host::count("Received header") == before;
+        });
+    }
 
     listener_t *listener;
 };

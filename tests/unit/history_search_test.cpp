@@ -2,11 +2,7 @@
 
 #include "support/file_limit.h"
 
-#include <cstring>
-#include <fstream>
-#include <memory>
 #include <random>
-#include <thread>
 
 // While set, a run that has begun does not get its read lock, nor does a packet that waits for it.
 static std::atomic<bool> hold_begun_run{false};
@@ -57,11 +53,6 @@ std::vector<pcap_record_t> owed(const ring_model_t &model, uint8_t number, uint8
     return records;
 }
 
-fhf_table_t *waiting_table(history_capture_t *hc) KS_NO_ANALYSIS
-{
-    return hc->slow_search_table;
-}
-
 bool run_posted(history_capture_t *hc)
 {
     spin_lock(&hc->position_lock);
@@ -79,17 +70,13 @@ struct hanging_run_t {
             EXPECT_EQ(enqueue(ring.hc, make_packet(static_cast<uint64_t>(i), 100, 1, 2)), HC_OK);
         }
         rwlock_read(&ring.hc->state_lock); // no run begins meanwhile
-        fhf_table_t *table = waiting_table(ring.hc);
-        const auto row_of = [&](uint8_t number) {
-            const ip_addr_t ip = numbered_address(number);
-            return fhf_place_of(table, &ip).row;
-        };
-        while (row_of(other) == row_of(1)) {
-            other++;
+        fhf_table_t *table = ring.hc->slow_search_table;
+        const ip_addr_t ip = numbered_address(1);
+        for (ip_addr_t addr = ip; fhf_place_of(table, &addr).row == fhf_place_of(table, &ip).row;) {
+            addr = numbered_address(++other);
         }
         EXPECT_EQ(ring.add(1, BOTH, "rule"), HC_OK);
         EXPECT_EQ(ring.add(other, BOTH, "other"), HC_OK);
-        const ip_addr_t ip = numbered_address(1);
         EXPECT_NE(fhf_get_data_locked(table, &ip, &row), nullptr);
         rwlock_read_unlock(&ring.hc->state_lock);
         EXPECT_TRUE(wait_until([&] { return ring.hc->searching == 1; }));
@@ -160,24 +147,6 @@ TEST(HistorySearch, EveryRuleGetsExactlyTheRecordsOfItsMoment)
     }
 }
 
-TEST(HistorySearch, RefusesRulesWithTheirCodes)
-{
-    const ring_t ring(5000, 60000);
-    ring.let_rules_wait();
-    EXPECT_EQ(ring.add(1, SRC, "a"), HC_OK);
-    EXPECT_EQ(ring.add(2, SRC, "a"), HC_NOT_OPENED);
-    EXPECT_EQ(ring.add(1, SRC, "b"), HC_NOT_ADDED);
-    EXPECT_EQ(ring.info().rules, 1U);
-    EXPECT_EQ(progress_percent(ring.progress(1)), 0);
-    const ip_addr_t one = numbered_address(1), nine = numbered_address(9);
-    EXPECT_EQ(hc_searched_packets(ring.hc, &one), 0);
-    EXPECT_EQ(hc_searched_packets(ring.hc, &nine), HC_UNKNOWN);
-    hc_disable(ring.hc);
-    EXPECT_EQ(hc_searched_packets(ring.hc, &one), HC_DISABLED);
-    EXPECT_EQ(progress_percent(ring.progress(1, 1)), PROGRESS_DONE); // the disable finished it
-    EXPECT_EQ(progress_percent(ring.progress(1, 1)), PROGRESS_UNKNOWN);
-}
-
 TEST(HistorySearch, SameSecondIsOwedTheNextIsNot)
 {
     const ring_t ring(5000, 60000);
@@ -210,28 +179,6 @@ TEST(HistorySearch, PacketWaitsForTheRecordUnderExamination)
     writer.join();
     ASSERT_TRUE(run.ring.finishes(1));
     EXPECT_EQ(read_pcap(run.ring.files.path("rule")).size(), 10U);
-}
-
-// Rules and disables racing for the moment before the swap of the tables: every disable ends, every rule is
-// reported once, and the next enabling starts its own runs.
-TEST(HistorySearch, DisableEndsWhereverTheThreadIs)
-{
-    const ring_t ring(0, 1);
-    std::mt19937 random(4);
-    for (int n = 0; n < 1500; n++) {
-        ASSERT_EQ(hc_enable(ring.hc, 1000), HC_OK);
-        ASSERT_EQ(enqueue(ring.hc, make_packet(1, 10, 1, 2)), HC_OK);
-        ASSERT_EQ(ring.add(1, BOTH, "rule"), HC_OK);
-        for (auto spins = random() % 3000; spins > 0; spins--) {
-            cpu_pause();
-        }
-        hc_disable(ring.hc);
-        const uint64_t progress = ring.progress(1, 1);
-        ASSERT_EQ(progress_percent(progress), PROGRESS_DONE);
-        ASSERT_EQ(progress_packets(progress), read_pcap(ring.files.path("rule")).size());
-        ASSERT_EQ(progress_percent(ring.progress(1)), PROGRESS_UNKNOWN);
-        std::remove(ring.files.path("rule").c_str());
-    }
 }
 
 // A disable that comes when a run has swapped the tables and not taken its read lock yet, while a packet
