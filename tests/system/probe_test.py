@@ -228,6 +228,7 @@ class ProbeOnAnInterface(ProbeTest):
     def test_every_packet_arrives_once_and_connections_stay_together(self):
         expected = expected_packets(WEB) + expected_packets(TAGGED)  # tags included: the bytes are compared
         for queues in (1, 2):
+            began_ns = time.time_ns()
             probe = self.start(queues)
             self.net.send("wire", WEB)
             self.net.send("wire", TAGGED)
@@ -237,9 +238,11 @@ class ProbeOnAnInterface(ProbeTest):
             self.assertEqual([counters[name] for name in ("read", "kernel_dropped", "not_ip")], [7451 + 26, 0, 6])
             packets = probe.handed(queues)
             self.check_packets(packets, expected, queues)
-            for queue in range(queues):
+            for queue in range(queues):  # the kernel's times rise, with true nanoseconds, and lie within the test
                 times = [packet.timestamp for packet in packets if packet.queue == queue]
                 self.assertEqual(times, sorted(times))
+                self.assertTrue(began_ns < times[0] and times[-1] < time.time_ns())
+                self.assertTrue(any(time_ns % 1000 for time_ns in times))
 
     def test_an_interface_that_vanishes_ends_the_run(self):
         probe = self.start(2)

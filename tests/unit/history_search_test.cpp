@@ -268,6 +268,13 @@ TEST(HistoryHold, HeldRuleTakesEverythingUpToItsRelease)
     }
 }
 
+static int posts(const ring_t &ring) // of the semaphore that the search thread has not taken
+{
+    int value = -1;
+    sem_getvalue(&ring.hc->search_semaphore, &value);
+    return value;
+}
+
 // An empty run would cost five seconds of pause, a missing one its rules.
 TEST(HistoryHold, EveryRunIsPostedOnceByTheLastRelease)
 {
@@ -276,16 +283,16 @@ TEST(HistoryHold, EveryRunIsPostedOnceByTheLastRelease)
     ASSERT_EQ(ring.hold(1, "a"), HC_OK);
     ASSERT_EQ(ring.hold(2, "b"), HC_OK);
     ring.release(1);
-    EXPECT_EQ(ring.posts(), 0);
+    EXPECT_EQ(posts(ring), 0);
     ring.release(2);
-    EXPECT_EQ(ring.posts(), 1);
+    EXPECT_EQ(posts(ring), 1);
     ASSERT_EQ(ring.add(3, BOTH, "c"), HC_OK);
-    EXPECT_EQ(ring.posts(), 1);
+    EXPECT_EQ(posts(ring), 1);
     ASSERT_EQ(ring.hold(4, "d"), HC_OK);
     EXPECT_EQ(ring.hold(4, "e"), HC_NOT_ADDED);
     ring.release(4);
     ring.release(4); // not held any more
-    EXPECT_EQ(ring.posts(), 1);
+    EXPECT_EQ(posts(ring), 1);
 }
 
 TEST(HistoryHold, DisableFinishesAHeldRuleAndItsReleaseOnlyCounts)
