@@ -295,23 +295,6 @@ TEST(HistoryHold, EveryRunIsPostedOnceByTheLastRelease)
     EXPECT_EQ(posts(ring), 1);
 }
 
-TEST(HistoryHold, DisableFinishesAHeldRuleAndItsReleaseOnlyCounts)
-{
-    const ring_t ring(5000);
-    ASSERT_EQ(ring.hold(1, "held"), HC_OK);
-    const uint64_t offers = hc_offers(ring.hc);
-    hc_disable(ring.hc);
-    EXPECT_EQ(ring.progress(1, 1), progress_value(PROGRESS_DONE, 0));
-    ring.release(1);
-    EXPECT_EQ(hc_offers(ring.hc), offers + 3);
-    ASSERT_EQ(hc_enable(ring.hc, 5000), HC_OK);
-    ring.release(1);
-    EXPECT_EQ(hc_offers(ring.hc), offers + 6); // a packet that has waited since then looks again
-    EXPECT_FALSE(run_posted(ring.hc));
-    ASSERT_EQ(ring.add(2, BOTH, "next"), HC_OK);
-    EXPECT_TRUE(ring.finishes(2)); // nobody waits for the one that is gone
-}
-
 TEST(HistoryHold, AppendAfterAReleaseStoresNothingAndLooksAgain)
 {
     const ring_t ring(1000, 60000);
@@ -337,21 +320,4 @@ TEST(HistoryHold, AppendAfterAReleaseStoresNothingAndLooksAgain)
     ASSERT_EQ(hc_enable(ring.hc, 1000), HC_OK);
     EXPECT_EQ(append(packet, now), HC_LOOK_AGAIN); // it has missed a disable
     EXPECT_EQ(append(packet, hc_offers(ring.hc)), HC_OK);
-}
-
-// A packet that waits for a run to move is owed to the rule that is released meanwhile, in a later second
-// than that of any record in the ring.
-TEST(HistoryHold, PacketThatSleepsAcrossAReleaseIsOwed)
-{
-    hanging_run_t run(10 * 151, 40);
-    const uint8_t added = run.other + 1;
-    test_clock++;
-    std::thread writer([&] { EXPECT_EQ(enqueue(run.ring.hc, make_packet(100, 100, added, 8)), HC_OK); });
-    EXPECT_TRUE(wait_until([&] { return run.ring.hc->writer_waiting == 1; }));
-    ASSERT_EQ(run.ring.hold(added, "added"), HC_OK);
-    run.ring.release(added);
-    run.release();
-    writer.join();
-    ASSERT_TRUE(run.ring.finishes(added));
-    EXPECT_EQ(read_pcap(run.ring.files.path("added")).size(), 1U);
 }
