@@ -126,7 +126,7 @@ public:
         std::string bytes;
         pollfd waiting = {fd, POLLIN, 0};
         while (bytes.size() < size && poll(&waiting, 1, milliseconds) == 1) {
-            std::string part(size - bytes.size(), '\0');
+            std::string part(std::min<size_t>(size - bytes.size(), 1 << 16), '\0');
             const ssize_t got = recv(fd, part.data(), part.size(), 0);
             if (got <= 0) {
                 break;

@@ -2,32 +2,20 @@
 kestrunectl in a pause half-way. Live and history files together must hold what tcpdump finds in the capture."""
 
 import collections
-import os
 import subprocess
-import sys
-import tempfile
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-import pcap_files  # noqa: E402
-import run_tests  # noqa: E402
-from probe_process import WATCHED, WEB, Probe, missing, wait_until  # noqa: E402
+import pcap_files
+import run_tests
+from probe_process import WATCHED, WEB, Probe, missing, wait_until
 
 EVERY_PACKET = 2**32 - 1
-WITH_TAG = "vlan 42 and host %s"
 
 
 def found_by_tcpdump(capture, expression):
     run = subprocess.run(["tcpdump", "-r", capture, "-w", "-", "--time-stamp-precision=nano", expression],
                          capture_output=True, check=True)
     return pcap_files.parse(run.stdout)
-
-
-def tagged_copy(folder):
-    path = os.path.join(folder, "tagged.pcap")
-    subprocess.run(["tcprewrite", "--enet-vlan=add", "--enet-vlan-tag=42", "--enet-vlan-cfi=0", "--enet-vlan-pri=0",
-                    "-i", WEB, "-o", path], check=True, capture_output=True)
-    return path
 
 
 def by_flow(packets):
@@ -86,29 +74,25 @@ class Replay:
                 [packet for packet in self.wanted[address] if packet not in first])
 
 
-class EndToEnd(unittest.TestCase):
-    """All side by side: they spend their time waiting for the searches and the monitor."""
-
-    @classmethod
-    def setUpClass(cls):
-        absent = missing("tcpdump", "tcprewrite")
-        if absent:
-            raise unittest.SkipTest("missing: " + " ".join(absent))
-        folder = tempfile.TemporaryDirectory(prefix="kestrune_test_")
-        cls.addClassCleanup(folder.cleanup)
-        tagged = tagged_copy(folder.name)
-        cls.replays = [cls.make(WEB, queues) for queues in (1, 2, 4)]
-        cls.replays += [cls.make(WEB, queues, heavy=heavy) for queues, heavy in ((1, 20), (4, 20), (2, 3))]
-        cls.replays.append(cls.make(tagged, 2, expression=WITH_TAG))
-        for step in (Replay.send_first_half, Replay.add_rules, Replay.send_second_half, Replay.finish):
-            for replay in cls.replays:
-                step(replay)
-
-    @classmethod
-    def make(cls, *arguments, **options):
+@unittest.skipIf(missing("tcpdump", "tcprewrite"), "tcpdump or tcprewrite is missing")
+class EndToEnd(run_tests.InFolder):
+    def make(self, *arguments, **options):
         replay = Replay(*arguments, **options)
-        cls.addClassCleanup(replay.probe.close)
+        self.addCleanup(replay.probe.close)
         return replay
+
+    def make_all(self):
+        """All side by side: they spend their time waiting for the searches and the monitor."""
+        tagged = self.path("tagged.pcap")
+        subprocess.run(["tcprewrite", "--enet-vlan=add", "--enet-vlan-tag=42", "--enet-vlan-cfi=0",
+                        "--enet-vlan-pri=0", "-i", WEB, "-o", tagged], check=True, capture_output=True)
+        replays = [self.make(WEB, queues, heavy=heavy) for queues, heavy in
+                   ((1, EVERY_PACKET), (2, EVERY_PACKET), (4, EVERY_PACKET), (1, 20), (4, 20), (2, 3))]
+        replays.append(self.make(tagged, 2, expression="vlan 42 and host %s"))
+        for step in (Replay.send_first_half, Replay.add_rules, Replay.send_second_half, Replay.finish):
+            for replay in replays:
+                step(replay)
+        return replays
 
     def check_answer(self, replay, address, answer):
         history, live = replay.expected(address)
@@ -127,7 +111,7 @@ class EndToEnd(unittest.TestCase):
             self.assertEqual(events[-1][field], answer[field])
 
     def test_files_of_a_replay_hold_every_packet_in_its_place(self):
-        for replay in self.replays:
+        for replay in self.make_all():
             for address, answer in replay.answers.items():
                 self.check_answer(replay, address, answer)
                 expected_history, expected_live = replay.expected(address)

@@ -10,6 +10,8 @@ import socket
 import subprocess
 import sys
 
+from probe_process import built
+
 # The call, how many of them in a run are worth trying, and the errors.
 CALLS = [line.split() for line in """\
 malloc 4 ENOMEM
@@ -79,7 +81,7 @@ def all_runs():
 
 def make(run):
     try:
-        done = subprocess.run([os.environ["FAULT_RUN"], *run], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+        done = subprocess.run([built("fault_run"), *run], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, timeout=SECONDS, check=False)
         return run, done.returncode, done.stdout.decode(errors="replace")
     except subprocess.TimeoutExpired as hanging:
@@ -87,7 +89,7 @@ def make(run):
 
 
 def forgotten_calls():
-    listed = subprocess.run(["nm", "-D", "--undefined-only", "--format=just-symbols", os.environ["KESTRUNE_LIBRARY"]],
+    listed = subprocess.run(["nm", "-D", "--undefined-only", "--format=just-symbols", built("kestrune.so")],
                             stdout=subprocess.PIPE, check=True, text=True).stdout
     known = tuple(HARMLESS + [call[0] for call in CALLS])
     return sorted(name for name in listed.split() if not name.startswith(known))

@@ -1,5 +1,4 @@
-"""kestrunectl as a program, against stand-ins for the plugin's control port, and merging capture files. KESTRUNECTL
-names the program."""
+"""kestrunectl as a program, against stand-ins for the plugin's control port, and merging capture files."""
 
 import json
 import os
@@ -8,20 +7,19 @@ import random
 import re
 import signal
 import subprocess
-import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-import pcap_files  # noqa: E402
-from control import ADD, ALL, BOTH, DETAIL, INFO, LIST, FakeProbe, Server, key_of  # noqa: E402
+import pcap_files
+from control import ADD, ALL, BOTH, DETAIL, INFO, LIST, FakeProbe, Server, key_of
+from probe_process import built
+from run_tests import InFolder
 
-PROGRAM = os.environ["KESTRUNECTL"]
 LIMIT_S = 60  # that no call may take
 
 
 def start(*arguments, **options):
-    return subprocess.Popen([PROGRAM, *arguments], text=True, env={**os.environ, "TERM": "xterm"},
+    return subprocess.Popen([built("kestrunectl"), *arguments], text=True, env={**os.environ, "TERM": "xterm"},
                             **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
 
 
@@ -338,18 +336,10 @@ class Watch(WithProbe):
             self.assertEqual(finish(process), (130, "", ""))
 
 
-class Merge(unittest.TestCase):
+class Merge(InFolder):
     T0 = 1_700_000_000_000_000_000
 
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="merge test ")  # with blanks
-        self.addCleanup(folder.cleanup)
-        self.folder = folder.name
-
-    def path(self, name):
-        return os.path.join(self.folder, name)
-
-    def write(self, name, packets, **options):
+    def write_packets(self, name, packets, **options):
         pcap_files.write(self.path(name), packets, **options)
         return self.path(name)
 
@@ -361,12 +351,12 @@ class Merge(unittest.TestCase):
 
     def test_packets_are_ordered_by_nanoseconds_and_ties_by_input(self):
         source = random.Random(1)
-        inputs, every = [self.write("empty", [])], []
+        inputs, every = [self.write_packets("empty", [])], []
         late = [(4_102_444_800_000_000_007, b"in 2100")]
         for number, magic in enumerate((pcap_files.NANOSECONDS, pcap_files.NANOSECONDS, pcap_files.MICROSECONDS)):
             unit = 1000 if number == 2 else 1  # out of order, with many ties
             packets = [(self.T0 + source.randrange(1000) * unit, b"%d %d" % (number, i)) for i in range(3000)] + late
-            inputs.append(self.write(str(number), packets[:3001 - number], magic=magic))
+            inputs.append(self.write_packets(str(number), packets[:3001 - number], magic=magic))
             every += packets[:3001 - number]
         every.sort(key=lambda packet: packet[0])
         status, answer = self.merge(*inputs, "-o", self.path("out put.pcap"))
@@ -375,25 +365,24 @@ class Merge(unittest.TestCase):
         self.assertEqual(os.stat(self.path("out put.pcap")).st_mode & 0o777, 0o640)
 
     def test_an_existing_output_stays_unless_forced(self):
-        a, b = self.write("a", [(1, b"a")]), self.write("b", [(2, b"b")])
+        a, b = self.write_packets("a", [(1, b"a")]), self.write_packets("b", [(2, b"b")])
         self.assertEqual((self.merge(a, "-o", b)[0], pcap_files.read(b)), (1, [(2, b"b")]))
         self.assertEqual(self.merge(a, b, "--force", "-o", b)[0], 0)  # also when it is an input itself
         self.assertEqual(pcap_files.read(b), [(1, b"a"), (2, b"b")])
 
     def test_what_cannot_be_merged_leaves_no_output(self):
-        whole = self.write("whole", [(1, b"packet")])
+        whole = self.write_packets("whole", [(1, b"packet")])
         with open(whole, "rb") as file:
             data = file.read()
         for size in range(len(data)):
-            with open(self.path("cut"), "wb") as file:
-                file.write(data[:size])
+            self.write("cut", data[:size])
             for output, options, most in (("out", (), 0), ("allowed", ("--cut", "--force"), size - 24)):
                 if size != pcap_files.HEADER_SIZE:
                     status, _ = self.merge(whole, self.path("cut"), "-o", self.path(output), *options)
                     self.assertEqual(status, 0 if most > 0 else 1, size)
         self.assertEqual(pcap_files.read(self.path("allowed")), [(1, b"packet")])
         os.remove(self.path("allowed"))
-        for other in (self.write("raw", [(1, b"packet")], link_type=101), self.path("missing"), self.folder):
+        for other in (self.write_packets("raw", [(1, b"packet")], link_type=101), self.path("missing"), self.folder):
             self.assertEqual(self.merge(whole, other, "-o", self.path("out"))[0], 1)
         self.assertEqual(self.merge(whole, "-o", self.path("no folder/out"))[0], 1)
         self.assertEqual(sorted(os.listdir(self.folder)), ["cut", "raw", "whole"])

@@ -6,16 +6,13 @@ import os
 import signal
 import struct
 import subprocess
-import sys
-import tempfile
 import time
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-import pcap_files  # noqa: E402
-import run_tests  # noqa: E402
-from namespace import Namespace, run  # noqa: E402
-from probe_process import FRAGMENTS, TAGGED, WEB, ProbeProcess, built, missing, wait_until  # noqa: E402
+import pcap_files
+import run_tests
+from namespace import Namespace, run
+from probe_process import FRAGMENTS, TAGGED, WEB, ProbeProcess, built, missing, wait_until
 
 IPV4_PACKET = bytes.fromhex("45000014 00000000 40110000 0a000001 0a000002")
 IPV4_FRAME = bytes(12) + b"\x08\x00" + IPV4_PACKET
@@ -89,17 +86,7 @@ class ProbeTest(unittest.TestCase):
         self.assertEqual({seen[0][0] for seen in connections.values()}, set(range(queues)))
 
 
-class ProbeOnFiles(ProbeTest):
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="kestrune_test_")
-        self.addCleanup(folder.cleanup)
-        self.folder = folder.name
-
-    def write(self, name, data):
-        with open(os.path.join(self.folder, name), "wb") as file:
-            file.write(data)
-        return file.name
-
+class ProbeOnFiles(ProbeTest, run_tests.InFolder):
     @unittest.skipIf(missing("tshark"), "tshark is missing")
     def test_replay_hands_over_exactly_the_ip_packets_of_the_file(self):
         expected = expected_packets(WEB)

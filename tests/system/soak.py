@@ -11,8 +11,7 @@ import sys
 import threading
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-from probe_process import WATCHED, WEB, Probe, wait_until  # noqa: E402
+from probe_process import WATCHED, WEB, Probe, wait_until
 
 CLIENTS = 16
 WATCHERS = 4
