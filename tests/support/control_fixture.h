@@ -12,19 +12,15 @@
 #include "rules_manager/rules_manager.h"
 #include "support/host_records.h"
 #include "support/pcap_read.h"
-#include "support/process.h"
 #include "support/test_host.h"
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sstream>
-#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <utility>
 #include <vector>
 
 // "00 09" as two bytes.
@@ -210,12 +206,12 @@ public:
     void live_packet(uint32_t src, uint32_t dst) const
     {
         const ip_addr_t from = numbered_address(src), to = numbered_address(dst);
-        (void)lc_filter(live, &from, &to, reinterpret_cast<const uint8_t *>("data"), 4, 1);
+        (void)lc_filter(live, &from, &to, from.bytes, sizeof from.bytes, 1);
     }
     void ring_packet(size_t queue, uint32_t src, uint32_t dst) const
     {
         const ip_addr_t from = numbered_address(src), to = numbered_address(dst);
-        (void)hc_enqueue(history[queue], &from, &to, reinterpret_cast<const uint8_t *>("data"), 4, 1);
+        (void)hc_enqueue(history[queue], &from, &to, from.bytes, sizeof from.bytes, 1);
     }
     bool search_ended(size_t queue, uint32_t number) const
     {
@@ -223,7 +219,13 @@ public:
         return (hc_search_progress(history[queue], &addr, 0) & 0xFF) == 100;
     }
     bool exists(const std::string &name) const { return std::filesystem::exists(directory + name); }
-    void create(const std::string &name) const { std::ofstream(directory + name).flush(); }
+    // Files of the first versions of a name: without a version, then 1, 2, ...
+    void create_versions(const std::string &name, int versions) const
+    {
+        for (int version = 0; version < versions; version++) {
+            std::ofstream(directory + name + (version == 0 ? "" : "_" + std::to_string(version))).flush();
+        }
+    }
     // Make this text the capture script.
     void set_script(const std::string &text)
     {

@@ -61,40 +61,6 @@ bool run_posted(history_capture_t *hc)
     return posted;
 }
 
-// A ring of `count` records of rule 1's address whose run hangs at the oldest of them, since the rule's row
-// is held, until it is released.
-struct hanging_run_t {
-    explicit hanging_run_t(uint64_t size, int count) : ring(size)
-    {
-        for (int i = 0; i < count; i++) {
-            EXPECT_EQ(enqueue(ring.hc, make_packet(static_cast<uint64_t>(i), 100, 1, 2)), HC_OK);
-        }
-        rwlock_read(&ring.hc->state_lock); // no run begins meanwhile
-        fhf_table_t *table = ring.hc->slow_search_table;
-        const ip_addr_t ip = numbered_address(1);
-        for (ip_addr_t addr = ip; fhf_place_of(table, &addr).row == fhf_place_of(table, &ip).row;) {
-            addr = numbered_address(++other);
-        }
-        EXPECT_EQ(ring.add(1, BOTH, "rule"), HC_OK);
-        EXPECT_EQ(ring.add(other, BOTH, "other"), HC_OK);
-        EXPECT_NE(fhf_get_data_locked(table, &ip, &row), nullptr);
-        rwlock_read_unlock(&ring.hc->state_lock);
-        EXPECT_TRUE(wait_until([&] { return ring.hc->searching == 1; }));
-    }
-    ~hanging_run_t() { release(); }
-    void release()
-    {
-        if (row != nullptr) {
-            fhf_unlock(std::exchange(row, nullptr));
-        }
-    }
-    ring_t ring;
-    uint8_t other = 20; // a rule of the same run that nobody holds
-
-private:
-    fhf_lock_t *row = nullptr;
-};
-
 } // namespace
 
 // Random packets, rules at random moments and packets at full speed while their runs are under way: every
@@ -145,40 +111,6 @@ TEST(HistorySearch, EveryRuleGetsExactlyTheRecordsOfItsMoment)
             }
         }
     }
-}
-
-TEST(HistorySearch, SameSecondIsOwedTheNextIsNot)
-{
-    const ring_t ring(5000, 60000);
-    ring.let_rules_wait();
-    ASSERT_EQ(enqueue(ring.hc, make_packet(1, 10, 1, 2)), HC_OK);
-    ASSERT_EQ(ring.add(1, BOTH, "rule"), HC_OK);
-    ASSERT_EQ(enqueue(ring.hc, make_packet(2, 10, 2, 1)), HC_OK);
-    test_clock++;
-    ASSERT_EQ(enqueue(ring.hc, make_packet(3, 10, 1, 1)), HC_OK);
-    for (uint64_t n = 0; n < 200; n++) { // drops them all: the slow search writes what is owed
-        ASSERT_EQ(enqueue(ring.hc, make_packet(n, 100, 5, 6)), HC_OK);
-    }
-    EXPECT_EQ(progress_packets(ring.progress(1)), 2U);
-    EXPECT_EQ(read_pcap(ring.files.path("rule")).size(), 2U);
-}
-
-TEST(HistorySearch, PacketWaitsForTheRecordUnderExamination)
-{
-    hanging_run_t run(10 * 151, 40);
-    std::atomic<bool> stored{false};
-    std::thread writer([&] {
-        for (uint64_t n = 100; n < 110; n++) {
-            EXPECT_EQ(enqueue(run.ring.hc, make_packet(n, 100, 7, 8)), HC_OK);
-        }
-        stored = true;
-    });
-    EXPECT_TRUE(wait_until([&] { return run.ring.hc->writer_waiting == 1; }));
-    EXPECT_FALSE(stored);
-    run.release();
-    writer.join();
-    ASSERT_TRUE(run.ring.finishes(1));
-    EXPECT_EQ(read_pcap(run.ring.files.path("rule")).size(), 10U);
 }
 
 // A disable that comes when a run has swapped the tables and not taken its read lock yet, while a packet

@@ -150,7 +150,8 @@ TEST(History, IsTurnedOnAsFarAsTheQueuesAllow)
     server.ring_packet(0, 1, 2);
     server.ring_packet(2, 1, 2);
     constexpr uint64_t SIZE = 3 * 1048576;
-    const msg_hb_info_t sum = {3, 2, 0, 0, 0, 0, 20, SIZE, SIZE - uint64_t{2} * (HC_RECORD_HEADER + 4)};
+    const msg_hb_info_t sum = {
+        3, 2, 0, 0, 0, 0, 20, SIZE, SIZE - uint64_t{2} * (HC_RECORD_HEADER + sizeof(ip_addr_t))};
     EXPECT_EQ(client.ask(request(4, 6), 48), encoded(msg_answer(msg_code::HB_INFO), sum));
 }
 

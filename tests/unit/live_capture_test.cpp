@@ -88,25 +88,6 @@ TEST_F(LiveCapture, DirectionLimitAndEndTimeDecideWhatIsWritten)
     EXPECT_EQ(records("time"), 1U);
 }
 
-TEST_F(LiveCapture, RefusedRulesLeaveNoDescriptorAndNoEntry)
-{
-    ASSERT_EQ(add(A, "a"), LC_OK);
-    ASSERT_EQ(filter(A, OTHER), 1);
-    const std::string before = file_bytes(dir.path("a"));
-    EXPECT_EQ(add(B, "a"), LC_NOT_OPENED);
-    EXPECT_EQ(file_bytes(dir.path("a")), before) << "an existing file is never touched";
-    EXPECT_EQ(add(B, "none/b"), LC_NOT_OPENED);
-    {
-        const file_limit_t full(0);
-        EXPECT_EQ(add(B, "full"), LC_NOT_WRITTEN);
-    }
-    EXPECT_EQ(add(A, "again"), LC_NOT_TAKEN);
-    EXPECT_EQ(resources().first, descriptors + 1);
-    EXPECT_EQ(filter(B, OTHER), 0);
-    EXPECT_EQ(filter(A, OTHER), 1);
-    EXPECT_EQ(records("a"), 2U);
-}
-
 TEST_F(LiveCapture, UpdateCountsFromNowAndKeepsTheError)
 {
     ASSERT_EQ(add(A, "a", SRC, 5), LC_OK);
