@@ -65,7 +65,8 @@ def run_round(probe, seconds, number, problems):
         client.join()
     for watcher in watchers:
         watcher.interrupt()
-        probe.finish_ctl(watcher)
+        if not probe.finish_ctl(watcher)[1]:
+            problems.append("a watcher saw nothing")
     speed = (probe.counters()["handed_on"] - before) / (time.monotonic() - began)
     probe.ctl("history", "off")
     wait_until(lambda: probe.rules() == [], "the last rules", FINISH_S)
@@ -74,7 +75,7 @@ def run_round(probe, seconds, number, problems):
     for name in probe.captures():
         os.remove(probe.capture(name))
     print("%d packets/s; then %d threads, %d descriptors, %d KiB" % (speed, *state_of(probe)), flush=True)
-    if speed < 1000 or not all(watcher.lines for watcher in watchers):
+    if speed < 1000:
         problems.append("%d packets/s: too little happened" % speed)
     return state_of(probe)
 

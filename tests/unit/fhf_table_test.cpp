@@ -115,88 +115,66 @@ TEST(FhfTable, RefusesInvalidSizes)
     }
 }
 
-// A table beside the values that its keys should have (0: not there): the same operations, the same answers.
-class model_t {
-public:
-    model_t(uint64_t rows, uint32_t key_size, unsigned seed)
-        : table(make_table(rows, key_size)), random(seed), values(rows * 10), in_row(rows)
-    {
-    }
-    bool step()
-    {
-        const uint64_t number = random() % values.size();
-        const uint64_t new_value = random() | 1;
+// The same operations on a table and on the values that its keys should have (0: not there).
+void compare_with_values(uint64_t rows, uint32_t key_size, int steps)
+{
+    const table_ptr table = make_table(rows, key_size);
+    std::mt19937_64 random(rows + key_size);
+    std::vector<uint64_t> values(rows * 10);
+    std::vector<int> in_row(rows);
+    for (int step = 1; step <= steps; step++) {
+        const uint64_t number = random() % values.size(), new_value = random() | 1, what = random() % 8;
         uint64_t &value = values[number];
         int &fill = in_row[row_of(table.get(), number)];
-        switch (random() % 8) {
-        case 0:
-        case 1:
-            if (const bool refused = value != 0 || fill == 8; !refused) {
-                value = new_value;
-                fill++;
-                return insert(table.get(), number, new_value) == FHF_OK;
-            }
-            return insert(table.get(), number, new_value) == FHF_REFUSED;
-        case 2:
+        if (what < 3) {
+            const bool taken = value == 0 && fill < 8;
+            ASSERT_EQ(insert(table.get(), number, new_value), taken ? FHF_OK : FHF_REFUSED);
+            value = taken ? new_value : value;
+            fill += taken ? 1 : 0;
+        } else if (what == 3) {
             fill -= value != 0 ? 1 : 0;
-            return remove(table.get(), number).value_or(0) == std::exchange(value, 0);
-        default:
-            return look_up(table.get(), number).value_or(0) == value;
+            ASSERT_EQ(remove(table.get(), number).value_or(0), std::exchange(value, 0));
+        } else {
+            ASSERT_EQ(look_up(table.get(), number).value_or(0), value);
         }
-    }
-    // Compare everything, taking every third entry out on the way, after a walk that is given up.
-    void walk()
-    {
+        if (step % (steps * 2 / 5) == 0) {
+            fhf_clear(table.get());
+            values.assign(values.size(), 0);
+            in_row.assign(rows, 0);
+        }
+        if (step % (steps / 10) != 0) {
+            continue;
+        }
+        // Walk, taking every third entry out on the way, after a walk that is given up.
         const iter_ptr iter = make_iter(table.get());
         std::vector<uint64_t> unseen = values;
         (void)fhf_get_next(iter.get());
         fhf_reinit_iter(iter.get());
         while (fhf_get_next(iter.get()) == FHF_OK) {
-            uint32_t number;
-            std::memcpy(&number, iter->key + 3, sizeof number);
-            ASSERT_LT(number, values.size());
-            ASSERT_EQ(std::memcmp(iter->key, make_key(number).data(), table->key_size), 0);
-            ASSERT_EQ(*reinterpret_cast<uint64_t *>(iter->data), std::exchange(unseen[number], 0));
+            uint32_t at;
+            std::memcpy(&at, iter->key + 3, sizeof at);
+            ASSERT_LT(at, values.size());
+            ASSERT_EQ(std::memcmp(iter->key, make_key(at).data(), key_size), 0);
+            ASSERT_EQ(*reinterpret_cast<uint64_t *>(iter->data), std::exchange(unseen[at], 0));
             if (random() % 3 == 0) {
                 fhf_remove_iter(iter.get());
                 fhf_remove_iter(iter.get()); // nothing stands here any more
-                values[number] = 0;
-                in_row[row_of(table.get(), number)]--;
+                values[at] = 0;
+                in_row[row_of(table.get(), at)]--;
             }
         }
         ASSERT_NE(fhf_get_next(iter.get()), FHF_OK); // a walk stays at its end
         ASSERT_EQ(unseen, std::vector<uint64_t>(values.size()));
         expect_consistent(table.get());
     }
-    void clear()
-    {
-        fhf_clear(table.get());
-        values.assign(values.size(), 0);
-        in_row.assign(in_row.size(), 0);
-    }
-
-private:
-    table_ptr table;
-    std::mt19937_64 random;
-    std::vector<uint64_t> values;
-    std::vector<int> in_row;
-};
+}
 
 TEST(FhfTable, AgreesWithAMapOverAMillionOperations) // 8 sizes * 3 keys * 50000, a tenth under a sanitizer
 {
-    constexpr int steps = SANITIZED ? 5000 : 50000;
     for (uint64_t rows = 1; rows <= 128; rows *= 2) {
         for (const uint32_t key_size : {16U, 12U, 8U}) {
-            model_t model(rows, key_size, static_cast<unsigned>(rows + key_size));
-            for (int step = 1; step <= steps; step++) {
-                ASSERT_TRUE(model.step()) << "rows " << rows << " key size " << key_size;
-                if (step % (steps / 10) == 0) {
-                    ASSERT_NO_FATAL_FAILURE(model.walk());
-                }
-                if (step % (steps * 2 / 5) == 0) {
-                    model.clear();
-                }
-            }
+            SCOPED_TRACE("rows " + std::to_string(rows) + ", key size " + std::to_string(key_size));
+            ASSERT_NO_FATAL_FAILURE(compare_with_values(rows, key_size, SANITIZED ? 5000 : 50000));
         }
     }
 }
