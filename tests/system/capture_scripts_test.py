@@ -29,8 +29,8 @@ class CaptureScripts(InFolder):
         command = 'bash %s "%s" ' % (os.path.join(SCRIPTS, script), live)
         if history is not None:
             command += '"%s"' % ",".join(history)
-        return subprocess.run(command, shell=True, env={**os.environ, "KESTRUNECTL": built("kestrunectl"), **environment}, stdin=subprocess.DEVNULL,
-                              timeout=60).returncode == 0
+        return subprocess.run(command, shell=True, stdin=subprocess.DEVNULL, timeout=60, env={
+            **os.environ, "KESTRUNECTL": built("kestrunectl"), **environment}).returncode == 0
 
     def files(self):
         return sorted(os.listdir(self.folder))
