@@ -50,7 +50,9 @@ void list(benchmark::State &state)
 
 void detail(benchmark::State &state)
 {
-    round_trips(state, request(3, 2, address_bytes(7)), 4 + 35 + 4);
+    const ip_addr_t addr = numbered_address(7);
+    const std::string bytes(reinterpret_cast<const char *>(addr.bytes), sizeof addr.bytes);
+    round_trips(state, request(3, 2, bytes), 4 + 35 + 4);
 }
 
 // One client's ADDs in a row, each with a live file and a history file a queue, on a memory file system.

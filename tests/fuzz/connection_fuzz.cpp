@@ -63,31 +63,21 @@ void check_messages(const std::string &received)
     }
 }
 
-void drain(int fd, std::string *received, int flags)
-{
-    char part[4096];
-    ssize_t got = 0;
-    while ((got = recv(fd, part, sizeof part, flags)) > 0) {
-        received->append(part, static_cast<size_t>(got));
-    }
-}
-
 // Send the segments, reading what comes meanwhile; then end the sending side and read the rest.
-std::string converse(int fd, const uint8_t *data, size_t size)
+std::string converse(const stream_t &client, const uint8_t *data, size_t size)
 {
     std::string received;
     while (size > 0) {
         const size_t length = std::min<size_t>(data[0], size - 1);
-        if (send(fd, data + 1, length, MSG_NOSIGNAL) < 0) {
+        if (send(client.fd, data + 1, length, MSG_NOSIGNAL) < 0) {
             break;
         }
         data += length + 1;
         size -= length + 1;
-        drain(fd, &received, MSG_DONTWAIT);
+        received += client.receive(1 << 24, 0);
     }
-    shutdown(fd, SHUT_WR);
-    drain(fd, &received, 0);
-    return received;
+    shutdown(client.fd, SHUT_WR);
+    return received + client.receive_all();
 }
 
 } // namespace
@@ -111,9 +101,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (thread_start(&slot.thread, ls_client_handler, &slot) != 0) {
         fail("no handler");
     }
-    check_messages(converse(ends[1], data, size));
+    check_messages(converse(stream_t(ends[1]), data, size));
     pthread_join(slot.thread, nullptr);
-    close(ends[1]);
     if (slot.used.load() != 0 || slot.reply != nullptr) {
         fail("the slot is not free");
     }

@@ -1,8 +1,7 @@
-"""The control protocol (docs/protocol.md) for tests: a client, one connection that stays open, and a fake of the plugin's
-side, which finishes rules when the test says so."""
+"""The control protocol (docs/protocol.md) for tests: a fake of the plugin's side, which finishes rules when the test says
+so."""
 
 import ipaddress
-import select
 import socket
 import socketserver
 import struct
@@ -10,13 +9,12 @@ import threading
 
 SUCCESS, FAIL, UNRECOGNIZED, IP_LIST, IP_DETAIL, HB_INFO, UPDATE = range(7)
 ADD, REMOVE, LIST, DETAIL, HISTORY, INFO, QUIT, REQ_HS = range(8)
-BOTH, ALL, ON, OFF, STATE, HEAVY_SIZE = 2, 3, 4, 5, 6, 8
+BOTH, ALL = 2, 3
 INCIDENT, CAPTURE, VISUAL = 2, 3, 4
 
 # What follows a header; names follow ADD_FIELDS and DETAIL_FIELDS, lists of files VISUAL_FIELDS.
-ADD_FIELDS, ITEM, DETAIL_FIELDS, HISTORY_FIELDS = map(struct.Struct, ("<16sIIB", "<16sB", "<16sBBIIIIB", "<7I2Q"))
+ADD_FIELDS, ITEM, DETAIL_FIELDS = map(struct.Struct, ("<16sIIB", "<16sB", "<16sBBIIIIB"))
 UPDATE_FIELDS = {INCIDENT: struct.Struct("<I16s"), CAPTURE: struct.Struct("<IB"), VISUAL: struct.Struct("<IIIHH")}
-HISTORY_NAMES = ("queues", "packets", "span", "span_min", "span_max", "rules", "heavy_size", "size", "free")
 
 
 def key_of(text):
@@ -31,83 +29,6 @@ def header(code, target=0):
 
 def update(kind, *fields):
     return header(UPDATE) + bytes((kind,)) + UPDATE_FIELDS[kind].pack(*fields)
-
-
-class Client:
-    """Updates that arrive before an answer are kept in `updates`, as (kind, fields...)."""
-
-    def __init__(self, port, timeout=30):
-        self.socket = socket.create_connection(("127.0.0.1", port), timeout)
-        self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        self.stream = self.socket.makefile("rb")
-        self.updates = []
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
-
-    def close(self):
-        self.stream.close()
-        self.socket.close()
-
-    def _read(self, size):
-        data = self.stream.read(size)
-        if len(data) < size:
-            raise ConnectionError("the connection was closed")
-        return data
-
-    def _unpack(self, layout):
-        return layout.unpack(self._read(layout.size))
-
-    def ask(self, action, target, payload=b""):
-        """Send a request: the code of its answer."""
-        self.socket.sendall(header(action, target) + payload)
-        while True:
-            major, minor, code, zero = self._read(4)
-            if (major, minor, zero) != (0, 9, 0):
-                raise ValueError("not a message of version 0.9")
-            if code != UPDATE:
-                return code
-            kind, = self._read(1)
-            fields = self._unpack(UPDATE_FIELDS[kind])
-            self.updates.append((kind, *fields, self._read(sum(fields[3:])) if kind == VISUAL else b""))
-
-    def add(self, address, packets=2**32 - 1, seconds=3600, name="rule", direction=BOTH):
-        name = name.encode()
-        return self.ask(ADD, direction, ADD_FIELDS.pack(key_of(address), packets, seconds, len(name)) + name)
-
-    def remove(self, address, direction=BOTH):
-        return self.ask(REMOVE, direction, key_of(address))
-
-    def rules(self, target=ALL):
-        """Keys and directions, newest first; None when the plugin fails."""
-        if self.ask(LIST, target) != IP_LIST:
-            return None
-        count, = struct.unpack("<I", self._read(4))
-        return [self._unpack(ITEM) for _ in range(count)]
-
-    def detail(self, address):
-        """Key, direction, progress, packets, their limit, seconds, their limit, name; None without live capture."""
-        if self.ask(DETAIL, BOTH, key_of(address)) != IP_DETAIL:
-            return None
-        *fields, length = self._unpack(DETAIL_FIELDS)
-        return *fields, self._read(length).decode()
-
-    def history(self):
-        if self.ask(HISTORY, STATE) != HB_INFO:
-            raise ValueError("no answer to HISTORY INFO")
-        return dict(zip(HISTORY_NAMES, self._unpack(HISTORY_FIELDS)))
-
-    def history_on(self, megabytes):
-        return self.ask(HISTORY, ON, struct.pack("<I", megabytes))
-
-    def history_off(self):
-        return self.ask(HISTORY, OFF)
-
-    def set_heavy_size(self, packets):
-        return self.ask(REQ_HS, HEAVY_SIZE, struct.pack("<I", packets))
 
 
 class Server(socketserver.ThreadingTCPServer):

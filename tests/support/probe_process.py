@@ -9,7 +9,6 @@ import shutil
 import signal
 import subprocess
 import tempfile
-import threading
 import time
 
 BUILD = os.environ["KESTRUNE_BUILD"]
@@ -59,18 +58,17 @@ def listening_port(pid):
 
 
 class Command:
-    """A kestrunectl --json in the background."""
+    """A kestrunectl --json in the background, whose output goes to a file."""
 
     def __init__(self, argv):
-        self.process = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
-        self.lines = []
-        self.reader = threading.Thread(target=self._read)
-        self.reader.start()
+        self.output = tempfile.TemporaryFile()
+        self.process = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=self.output)
 
-    def _read(self):
-        with self.process.stdout:
-            for line in self.process.stdout:
-                self.lines.append(json.loads(line))
+    @property
+    def lines(self):
+        """The objects that it has printed so far."""
+        data = os.pread(self.output.fileno(), 1 << 26, 0)
+        return [json.loads(line) for line in data[:data.rfind(b"\n") + 1].splitlines()]
 
     def interrupt(self):
         self.process.send_signal(signal.SIGINT)
@@ -81,8 +79,9 @@ class Command:
             self.process.wait(LIMIT_S)
         finally:
             self.process.kill()
-            self.reader.join()
-        return self.process.returncode, self.lines
+        lines = self.lines
+        self.output.close()
+        return self.process.returncode, lines
 
 
 class ProbeProcess:

@@ -4,8 +4,8 @@
 #include "common/export.h"
 #include "common/host_interface.h"
 
-#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -35,8 +35,8 @@ struct record_t {
 static_assert(sizeof(record_t) == 48);
 
 struct instance_t {
-    FILE *file = nullptr;
-    std::thread::id thread; // of the first packet
+    std::ofstream file{};
+    std::thread::id thread{}; // of the first packet
 };
 
 using root_t = std::vector<instance_t>;
@@ -61,7 +61,7 @@ void *plugin_process_init(const char *params, void * /*x*/, void * /*y*/, int32_
     }
     auto root = std::make_unique<root_t>(static_cast<size_t>(queue_count));
     for (size_t i = 0; out != nullptr && i < root->size(); i++) {
-        (*root)[i].file = std::fopen((std::string(out) + "." + std::to_string(i)).c_str(), "wbe");
+        (*root)[i].file.open(std::string(out) + "." + std::to_string(i), std::ios::binary);
     }
     if (verbose_level >= 1) {
         verbose_msg(1, 1, "witness: started with %d queues", queue_count);
@@ -85,34 +85,18 @@ void plugin_process_update(void *data, const host_flow_t *flow, const host_packe
     if (instance->thread == std::thread::id()) {
         instance->thread = std::this_thread::get_id();
     }
-    if (instance->file == nullptr) {
-        return;
-    }
     const host_header_t *header = packet->header;
-    record_t record = {};
-    record.timestamp = header->timestamp;
-    record.flow_packets = flow->packets;
-    record.length = packet->length;
-    record.ip_version = header->ip_version;
-    record.foreign_thread = instance->thread == std::this_thread::get_id() ? 0 : 1;
-    if (header->ip_version == 4) {
-        std::memcpy(record.src, header->addr.ipv4.src, 4);
-        std::memcpy(record.dst, header->addr.ipv4.dst, 4);
-    } else {
-        std::memcpy(record.src, header->addr.ipv6.src, 16);
-        std::memcpy(record.dst, header->addr.ipv6.dst, 16);
-    }
-    std::fwrite(&record, sizeof record, 1, instance->file);
-    std::fwrite(packet->data, packet->length, 1, instance->file);
+    const bool foreign = instance->thread != std::this_thread::get_id();
+    record_t record = {header->timestamp, flow->packets, packet->length, header->ip_version, foreign, {}, {}};
+    const bool v4 = header->ip_version == 4;
+    std::memcpy(record.src, v4 ? header->addr.ipv4.src : header->addr.ipv6.src, v4 ? 4 : 16);
+    std::memcpy(record.dst, v4 ? header->addr.ipv4.dst : header->addr.ipv6.dst, v4 ? 4 : 16);
+    instance->file.write(reinterpret_cast<const char *>(&record), sizeof record);
+    instance->file.write(reinterpret_cast<const char *>(packet->data), packet->length);
 }
 
 int plugin_process_shutdown(void *data)
 {
-    const std::unique_ptr<root_t> root(static_cast<root_t *>(data));
-    for (const instance_t &instance : *root) {
-        if (instance.file != nullptr) {
-            std::fclose(instance.file);
-        }
-    }
+    delete static_cast<root_t *>(data);
     return 0;
 }

@@ -1,5 +1,6 @@
 """Each system and library call of the built plugin fails once, for a while and for ever, with each of its errors, in
-each scenario of fault_run: a process a run. Every tenth run, or all of them with KESTRUNE_LONG."""
+each scenario of fault_run: a process a run. Every run of a start, every tenth of the others, or all with
+KESTRUNE_LONG."""
 
 import collections
 import concurrent.futures
@@ -8,6 +9,8 @@ import os
 import socket
 import subprocess
 import sys
+
+from probe_process import built
 
 # The call, how many of them in a run are worth trying, and the errors.
 CALLS = [line.split() for line in """\
@@ -60,7 +63,6 @@ SHORT = 1 << 16
 # What does not last: signals, and a lack of room on a connection that has room.
 PASSING = {(call[0], "EINTR") for call in CALLS} | {("send", "EAGAIN")}
 LONG = "KESTRUNE_LONG" in os.environ
-STRIDE = 1 if LONG else 10
 SECONDS = 60
 NOT_REACHED = 3
 
@@ -70,19 +72,16 @@ def number_of(error):
 
 
 def all_runs():
+    faults = [[call, str(nth), str(count), str(number_of(error))]
+              for call, most, *errors in CALLS for nth in range(1, int(most) + 1) for error in errors
+              for count in (ONCE, A_WHILE, FOR_EVER) if count != FOR_EVER or (call, error) not in PASSING]
     for scenario in SCENARIOS:
-        yield [scenario]
-        for call, most, *errors in CALLS:
-            for nth in range(1, int(most) + 1):
-                for error in errors:
-                    for count in (ONCE, A_WHILE, FOR_EVER):
-                        if count != FOR_EVER or (call, error) not in PASSING:
-                            yield [scenario, call, str(nth), str(count), str(number_of(error))]
+        yield from [[scenario, *fault] for fault in [[], *faults][::1 if LONG or scenario == "start" else 10]]
 
 
 def make(run):
     try:
-        done = subprocess.run([os.environ["FAULT_RUN"], *run], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+        done = subprocess.run([built("fault_run"), *run], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, timeout=SECONDS, check=False)
         return run, done.returncode, done.stdout.decode(errors="replace")
     except subprocess.TimeoutExpired as hanging:
@@ -90,7 +89,7 @@ def make(run):
 
 
 def forgotten_calls():
-    listed = subprocess.run(["nm", "-D", "--undefined-only", "--format=just-symbols", os.environ["KESTRUNE_LIBRARY"]],
+    listed = subprocess.run(["nm", "-D", "--undefined-only", "--format=just-symbols", built("kestrune.so")],
                             stdout=subprocess.PIPE, check=True, text=True).stdout
     known = tuple(HARMLESS + [call[0] for call in CALLS])
     return sorted(name for name in listed.split() if not name.startswith(known))
@@ -100,7 +99,7 @@ def main():
     reached = collections.Counter()
     failures = ["%s: give it a line in fault_sweep.py" % call for call in forgotten_calls()]
     with concurrent.futures.ThreadPoolExecutor(3 * os.cpu_count()) as pool:
-        for run, status, output in pool.map(make, list(all_runs())[::STRIDE]):
+        for run, status, output in pool.map(make, list(all_runs())):
             reached[run[1] if len(run) > 1 and status == 0 else ""] += 1
             if status not in (0, NOT_REACHED):
                 failures.append("fault_run %s: %s\n%s" % (" ".join(run), status, output[-3000:]))

@@ -8,9 +8,8 @@ import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-import run_tests  # noqa: E402
-from probe_process import BUILD, WEB, Probe, wait_until  # noqa: E402
+import run_tests
+from probe_process import BUILD, WEB, Probe, wait_until
 
 MIB = 1 << 20
 HOLD = "import sys; held = b'x' * (int(sys.argv[1]) << 20); print(len(held), flush=True); sys.stdin.read()"

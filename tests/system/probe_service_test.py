@@ -5,16 +5,13 @@ import re
 import signal
 import socket
 import subprocess
-import sys
-import tempfile
 import time
 import unittest
 import urllib.request
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-import run_tests  # noqa: E402
-from namespace import Namespace, run  # noqa: E402
-from probe_process import LIMIT_S, TAGGED, WEB, Probe, ProbeProcess, built, listening_port, missing, wait_until  # noqa: E402
+import run_tests
+from namespace import Namespace, run
+from probe_process import LIMIT_S, TAGGED, WEB, Probe, ProbeProcess, built, listening_port, missing, wait_until
 
 WITNESS = ("-p", built("probe_test_plugin.so"))
 PACKAGING = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "packaging")
@@ -38,17 +35,9 @@ def listener():
     return taken, taken.getsockname()[1]
 
 
-class Configuration(unittest.TestCase):
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="kestrune_test_")
-        self.addCleanup(folder.cleanup)
-        self.folder = folder.name
-
+class Configuration(run_tests.InFolder):
     def config(self, name, text):
-        path = os.path.join(self.folder, name)
-        with open(path, "w", encoding="utf-8") as file:
-            file.write(text)
-        return "--config=" + path
+        return "--config=" + self.write(name, text.encode())
 
     def test_a_later_file_wins_and_the_command_line_over_all(self):
         first = self.config("first", "# comment\n\n queues=2 # two\nstay = false\nverbose = 1\nparams = out=%s/o\n"
@@ -124,11 +113,9 @@ class Configuration(unittest.TestCase):
             self.assertIn("/usr/bin/kestrune/none cannot be read", warnings[1])
 
 
-class Notifications(unittest.TestCase):
+class Notifications(run_tests.InFolder):
     def test_the_service_manager_hears_of_start_life_and_stop(self):
-        folder = tempfile.TemporaryDirectory(prefix="kestrune_test_")
-        self.addCleanup(folder.cleanup)
-        for name in (folder.name + "/notify", "@kestrune_test_%d" % os.getpid()):
+        for name in (self.path("notify"), "@kestrune_test_%d" % os.getpid()):
             with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager, self.subTest(name):
                 manager.bind(name.replace("@", "\0", 1))
                 manager.settimeout(LIMIT_S)
@@ -145,12 +132,9 @@ class Notifications(unittest.TestCase):
                     while not seen.startswith(b"STOPPING=1"):
                         seen = manager.recv(4096)
         # Of another process: no watchdog; and without enforcement of the unit's addresses a warning.
-        self.assertIn("the control port is open to other machines", started_warning(folder.name + "/none"))
-
-
-def started_warning(name):
-    return subprocess.run([built("kestrune-probe"), *AT_ONCE, *WITNESS], stdin=subprocess.DEVNULL, capture_output=True,
-                          text=True, timeout=LIMIT_S, env={**os.environ, "NOTIFY_SOCKET": name}, check=True).stderr
+        with Plain(*AT_ONCE, *WITNESS, env={"NOTIFY_SOCKET": self.path("none")}) as started:
+            self.assertEqual(started.wait(), 0)
+            self.assertIn("the control port is open to other machines", started.text("err"))
 
 
 class Metrics(unittest.TestCase):

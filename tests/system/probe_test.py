@@ -6,16 +6,13 @@ import os
 import signal
 import struct
 import subprocess
-import sys
-import tempfile
 import time
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-import pcap_files  # noqa: E402
-import run_tests  # noqa: E402
-from namespace import Namespace, run  # noqa: E402
-from probe_process import FRAGMENTS, TAGGED, WEB, ProbeProcess, built, missing, wait_until  # noqa: E402
+import pcap_files
+import run_tests
+from namespace import Namespace, run
+from probe_process import FRAGMENTS, TAGGED, WEB, ProbeProcess, built, missing, wait_until
 
 IPV4_PACKET = bytes.fromhex("45000014 00000000 40110000 0a000001 0a000002")
 IPV4_FRAME = bytes(12) + b"\x08\x00" + IPV4_PACKET
@@ -89,17 +86,7 @@ class ProbeTest(unittest.TestCase):
         self.assertEqual({seen[0][0] for seen in connections.values()}, set(range(queues)))
 
 
-class ProbeOnFiles(ProbeTest):
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="kestrune_test_")
-        self.addCleanup(folder.cleanup)
-        self.folder = folder.name
-
-    def write(self, name, data):
-        with open(os.path.join(self.folder, name), "wb") as file:
-            file.write(data)
-        return file.name
-
+class ProbeOnFiles(ProbeTest, run_tests.InFolder):
     @unittest.skipIf(missing("tshark"), "tshark is missing")
     def test_replay_hands_over_exactly_the_ip_packets_of_the_file(self):
         expected = expected_packets(WEB)
@@ -126,15 +113,10 @@ class ProbeOnFiles(ProbeTest):
     def test_rebased_replay_keeps_the_pace_from_now(self):
         before = time.time_ns()
         with witness("-r", TAGGED, "--rebase", "--speed", "100", "-q", "2") as probe:
-            after = time.time_ns()
             times = sorted(packet.timestamp for packet in probe.handed(2))
-        with witness("-r", TAGGED, *AT_ONCE) as probe:
-            recorded = [packet.timestamp for packet in probe.handed()]
-        distance = (recorded[-1] - recorded[0]) / 100  # 0.19 s
         self.assertEqual(len(times), 20)
-        self.assertAlmostEqual(times[-1] - times[0], distance, delta=2)
-        self.assertGreaterEqual(after - before, distance, "it was waited for")
-        self.assertTrue(before <= times[0] and times[-1] <= after)
+        self.assertTrue(before <= times[0] and times[-1] <= time.time_ns())
+        self.assertAlmostEqual(times[-1] - times[0], 8_580_081_000 / 100, delta=2)  # a hundredth of what was recorded
 
     def test_a_file_that_ends_in_a_cut_record_is_read_up_to_it(self):
         with open(TAGGED, "rb") as file:
@@ -228,6 +210,7 @@ class ProbeOnAnInterface(ProbeTest):
     def test_every_packet_arrives_once_and_connections_stay_together(self):
         expected = expected_packets(WEB) + expected_packets(TAGGED)  # tags included: the bytes are compared
         for queues in (1, 2):
+            began_ns = time.time_ns()
             probe = self.start(queues)
             self.net.send("wire", WEB)
             self.net.send("wire", TAGGED)
@@ -237,9 +220,11 @@ class ProbeOnAnInterface(ProbeTest):
             self.assertEqual([counters[name] for name in ("read", "kernel_dropped", "not_ip")], [7451 + 26, 0, 6])
             packets = probe.handed(queues)
             self.check_packets(packets, expected, queues)
-            for queue in range(queues):
+            for queue in range(queues):  # the kernel's times rise, with true nanoseconds, and lie within the test
                 times = [packet.timestamp for packet in packets if packet.queue == queue]
                 self.assertEqual(times, sorted(times))
+                self.assertTrue(began_ns < times[0] and times[-1] < time.time_ns())
+                self.assertTrue(any(time_ns % 1000 for time_ns in times))
 
     def test_an_interface_that_vanishes_ends_the_run(self):
         probe = self.start(2)

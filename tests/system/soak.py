@@ -1,91 +1,48 @@
-"""The probe with the plugin under load for long: packets as fast as it can replay them, clients that ask for anything at
-any time. Afterwards nothing has crashed, grown or stalled. (What the files hold is checked by
-oracle_test.)
+"""The probe with the plugin under load for long: packets as fast as it can replay them, and kestrunectl asking for
+anything at any time. Afterwards nothing has crashed, grown or stalled. (What the files hold is checked by oracle_test.)
 
-  soak.py [SECONDS]     120 by default; KESTRUNE_BUILD names the folder with the probe
+  soak.py [SECONDS]     120 by default; KESTRUNE_BUILD names the folder with the programs
 
 Prints its figures; exit status 0 only when all is well."""
 
-import collections
 import os
 import random
-import socket
 import sys
 import threading
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-import pcap_files  # noqa: E402
-from control import FAIL, INFO, OFF, ON, SUCCESS, Client  # noqa: E402
-from probe_process import WEB, Probe, wait_until  # noqa: E402
+from probe_process import WATCHED, WEB, Probe, wait_until
 
-CLIENTS = 64
+CLIENTS = 16
+WATCHERS = 4
 ROUNDS = 3  # with a look at the process after each
 STALL_S = 1.0
 GROWTH_KIB = 16 * 1024
 FINISH_S = 120  # that the last rules may take
-EITHER = (SUCCESS, FAIL)
+REFUSED = 4  # kestrunectl's status
+POOL = (*WATCHED, "8.8.8.8", "224.0.0.251", *("10.255.0.%d" % number for number in range(8)))
 
 
-def addresses():
-    """Every address of the capture, and some that it does not have."""
-    found = {"10.255.0.%d" % number for number in range(8)} | {"2001:db8::%x" % number for number in range(8)}
-    for _, data in pcap_files.read(WEB):
-        for key in pcap_files.flow_of(data)[1:]:
-            found.add(socket.inet_ntop(socket.AF_INET6 if len(key[0]) == 16 else socket.AF_INET, key[0]))
-    return sorted(found)
+def any_command(source):
+    pick, side = source.choice, source.choice(("src", "dst", "both"))
+    rule = ("add", pick(POOL), "-d", side, "-t", str(source.randint(1, 6)), "-n", "soak")
+    return source.choices(
+        ((*rule, "-c", str(pick((1, 50, 2000)))), (*rule[:4], "--history-only"), ("remove", pick(POOL), "-d", side),
+         ("list", "--brief"), ("list",), ("show", pick(POOL)), ("history", "status"),
+         ("heavy", str(pick((0, 20, 2**32 - 1)))), ("history", "on", "%dM" % source.randint(1, 8)), ("history", "off")),
+        (20, 10, 12, 6, 6, 15, 12, 3, 0.6, 0.4))[0]
 
 
-class Asker(threading.Thread):
-    """One client: random requests on a connection that is now and then replaced, until a time."""
-
-    def __init__(self, port, pool, seed, end):
-        super().__init__()
-        self.port, self.pool, self.random, self.end = port, pool, random.Random(seed), end
-        self.client = Client(port)
-        self.longest = collections.defaultdict(float)
-        self.asked, self.wrong = 0, []
-        self.start()
-
-    def requests(self):
-        """(weight, name, request, answers that are right or None for any)."""
-        pick, number = self.random.choice, self.random.randrange
-        return (
-            (30, "ADD", lambda: self.client.add(pick(self.pool), pick((0, 1, 50, 2000)), number(1, 7), "soak",
-                                                number(3)), EITHER),
-            (12, "REMOVE", lambda: self.client.remove(pick(self.pool), number(3)), EITHER),
-            (12, "LIST", lambda: self.client.rules(number(4)), None),
-            (15, "DETAIL", lambda: self.client.detail(pick(self.pool)), None),
-            (12, "HISTORY INFO", lambda: self.client.history()["queues"], (2,)),
-            (3, "REQ_HS", lambda: self.client.set_heavy_size(pick((0, 20, 2**32 - 1))), (SUCCESS,)),
-            (0.6, "HISTORY ON", lambda: self.client.history_on(number(1, 9)), EITHER),
-            (0.4, "HISTORY OFF", lambda: self.client.history_off(), EITHER),
-            (3, "INFO", lambda: self.client.ask(INFO, pick((ON, OFF))), EITHER),
-            (2, "reconnect", self.reconnect, None),
-        )
-
-    def run(self):
-        requests = self.requests()
-        weights = [weight for weight, *_ in requests]
-        while time.monotonic() < self.end:
-            _, name, request, expected = self.random.choices(requests, weights)[0]
-            began = time.monotonic()
-            try:
-                answer = request()
-                if expected and answer not in expected:
-                    self.wrong.append("%s was answered %r" % (name, answer))
-            except (OSError, ValueError) as error:
-                self.wrong.append("%s: %r" % (name, error))
-                self.reconnect()
-            self.longest[name] = max(self.longest[name], time.monotonic() - began)
-            self.asked += 1
-            self.client.updates.clear()
-            time.sleep(self.random.uniform(0, 0.1))
-        self.client.close()
-
-    def reconnect(self):
-        self.client.close()
-        self.client = Client(self.port)
+def steer(probe, seed, end, problems):
+    """One client after the other: random commands until a time."""
+    source = random.Random(seed)
+    while time.monotonic() < end:
+        words, began = any_command(source), time.monotonic()
+        status, answer = probe.ctl(*words)
+        took = time.monotonic() - began
+        if status not in (0, REFUSED) or (took > STALL_S and words[-1] != "off"):  # which waits for a search
+            problems.append("%s took %.2f s: %r" % (" ".join(words), took, answer))
+        time.sleep(source.uniform(0, 0.1))
 
 
 def state_of(probe):
@@ -98,24 +55,26 @@ def state_of(probe):
 
 def run_round(probe, seconds, number, problems):
     """Clients for this time, then quiet: the state of the process."""
-    pool, end = addresses(), time.monotonic() + seconds
     before, began = probe.counters()["handed_on"], time.monotonic()
-    askers = [Asker(probe.port, pool, number * CLIENTS + client, end) for client in range(CLIENTS)]
-    for asker in askers:
-        asker.join()
-        problems += asker.wrong
-        problems += ["%s took %.2f s" % (name, took) for name, took in asker.longest.items()
-                     if took > STALL_S and name != "HISTORY OFF"]  # which waits for a search
+    watchers = [probe.start_ctl("watch") for _ in range(WATCHERS)]
+    clients = [threading.Thread(target=steer, args=(probe, number * CLIENTS + client, began + seconds, problems))
+               for client in range(CLIENTS)]
+    for client in clients:
+        client.start()
+    for client in clients:
+        client.join()
+    for watcher in watchers:
+        watcher.interrupt()
+        if not probe.finish_ctl(watcher)[1]:
+            problems.append("a watcher saw nothing")
     speed = (probe.counters()["handed_on"] - before) / (time.monotonic() - began)
-    with Client(probe.port) as client:
-        client.history_off()
-        wait_until(lambda: client.rules() == [], "the last rules", FINISH_S)
-    wait_until(lambda: state_of(probe)[1] <= probe.quiet[1] and state_of(probe)[0] <= probe.quiet[0],
+    probe.ctl("history", "off")
+    wait_until(lambda: probe.rules() == [], "the last rules", FINISH_S)
+    wait_until(lambda: all(now <= quiet for now, quiet in zip(state_of(probe)[:2], probe.quiet)),
                lambda: "%r became %r" % (probe.quiet, state_of(probe)), 30)
     for name in probe.captures():
         os.remove(probe.capture(name))
-    print("%d requests, %d packets/s; then %d threads, %d descriptors, %d KiB"
-          % (sum(asker.asked for asker in askers), speed, *state_of(probe)), flush=True)
+    print("%d packets/s; then %d threads, %d descriptors, %d KiB" % (speed, *state_of(probe)), flush=True)
     if speed < 1000:
         problems.append("%d packets/s: too little happened" % speed)
     return state_of(probe)
@@ -131,13 +90,9 @@ def main():
         states = [run_round(probe, seconds / ROUNDS, number, problems) for number in range(ROUNDS)]
         if states[-1][2] > states[0][2] + GROWTH_KIB:
             problems.append("memory has grown: %r" % states)
-        if (status := probe.stop()) != 0:
-            problems.append("the probe ended with %d" % status)
-        if "Sanitizer" in probe.text("err") or "runtime error" in probe.text("err"):
-            problems.append(probe.text("err")[-20000:])
-    for problem in problems[:50]:
-        print("PROBLEM: " + problem)
-    print("%d problems" % len(problems))
+        if (status := probe.stop()) != 0 or "anitizer" in probe.text("err") or "runtime error" in probe.text("err"):
+            problems.append("the probe ended with %d: %s" % (status, probe.text("err")[-20000:]))
+    print("\n".join(["PROBLEM: " + problem for problem in problems[:50]] + ["%d problems" % len(problems)]))
     return 0 if not problems else 1
 
 

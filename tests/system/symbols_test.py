@@ -1,13 +1,12 @@
-"""What kestrune.so exports, imports and needs, as binutils reads it. KESTRUNE_LIBRARY names it; KESTRUNE_SANITIZE is
-set when it is built with a sanitizer, which adds imports of its own."""
+"""What kestrune.so exports, imports and needs, as binutils reads it. KESTRUNE_SANITIZE is set when it is built with a
+sanitizer, which adds imports of its own."""
 
 import os
 import subprocess
-import sys
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
-from run_tests import main  # noqa: E402
+from probe_process import built
+from run_tests import main
 
 FUNCTIONS = {"plugin_process_desc", "plugin_process_init", "plugin_process_init_queue", "plugin_process_filter",
              "plugin_process_update", "plugin_process_shutdown", "fhf_init", "fhf_destroy", "fhf_clear",
@@ -20,7 +19,7 @@ SANITIZED = bool(os.environ.get("KESTRUNE_SANITIZE"))
 
 
 def lines(*command):
-    return subprocess.run([*command, os.environ["KESTRUNE_LIBRARY"]], check=True, stdout=subprocess.PIPE,
+    return subprocess.run([*command, built("kestrune.so")], check=True, stdout=subprocess.PIPE,
                           text=True).stdout.splitlines()
 
 

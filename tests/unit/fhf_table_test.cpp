@@ -2,18 +2,10 @@
 
 #include "support/test_host.h"
 
-#include <array>
-#include <atomic>
-#include <cstring>
 #include <gtest/gtest.h>
-#include <memory>
 #include <numeric>
 #include <optional>
 #include <random>
-#include <thread>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 namespace {
 
@@ -68,13 +60,9 @@ std::optional<uint64_t> look_up(fhf_table_t *table, uint64_t number)
 std::optional<uint64_t> remove(fhf_table_t *table, uint64_t number)
 {
     fhf_lock_t *row;
-    const key_t key = make_key(number);
-    const auto *data = static_cast<const uint64_t *>(fhf_get_data_locked(table, key.data(), &row));
-    if (data == nullptr) {
-        return std::nullopt;
-    }
-    const uint64_t value = *data;
-    EXPECT_EQ(fhf_remove_locked(table, key.data(), row), FHF_OK);
+    const auto *data = static_cast<uint64_t *>(fhf_get_data_locked(table, make_key(number).data(), &row));
+    const std::optional<uint64_t> value = data != nullptr ? std::optional(*data) : std::nullopt;
+    EXPECT_TRUE(!value || fhf_remove_locked(table, make_key(number).data(), row) == FHF_OK);
     return value;
 }
 
@@ -115,165 +103,121 @@ TEST(FhfHash, GivesTheFixedValuesAndAgreesWhereLengthsOverlap)
 
 TEST(FhfTable, RefusesInvalidSizes)
 {
-    const std::tuple<uint64_t, uint32_t, uint32_t> cases[] = {{0, 16, 8},
-                                                              {3, 16, 8},
-                                                              {100, 16, 8},
-                                                              {128, 0, 8},
-                                                              {128, 16, 0},
-                                                              {uint64_t{1} << 61, 16, 8},
-                                                              {uint64_t{1} << 63, ~0U, ~0U}};
-    for (const auto &[rows, key_size, data_size] : cases) {
+    constexpr uint64_t ONE = 1;
+    for (const auto &[rows, key_size, data_size] : {std::tuple{0 * ONE, 16U, 8U},
+                                                    {3, 16, 8},
+                                                    {100, 16, 8},
+                                                    {128, 0, 8},
+                                                    {128, 16, 0},
+                                                    {ONE << 61, 16, 8},
+                                                    {ONE << 63, ~0U, ~0U}}) {
         EXPECT_EQ(make_table(rows, key_size, data_size), nullptr) << rows << " " << key_size;
     }
 }
 
-TEST(FhfTable, RemovalOfAKeyThatIsNotInTheHeldRowReleasesTheRow)
+// The same operations on a table and on the values that its keys should have (0: not there).
+void compare_with_values(uint64_t rows, uint32_t key_size, int steps)
 {
-    const table_ptr table = make_table(2);
-    uint64_t elsewhere = 1;
-    while (row_of(table.get(), elsewhere) == row_of(table.get(), 0)) {
-        elsewhere++;
-    }
-    ASSERT_EQ(insert(table.get(), 0, 1) + insert(table.get(), elsewhere, 2), FHF_OK);
-    fhf_lock_t *row;
-    ASSERT_NE(fhf_get_data_locked(table.get(), make_key(0).data(), &row), nullptr);
-    EXPECT_NE(fhf_remove_locked(table.get(), make_key(elsewhere).data(), row), FHF_OK);
-    expect_consistent(table.get());
-    EXPECT_EQ(look_up(table.get(), elsewhere), 2U);
-}
-
-// A table beside the values that its keys should have (0: not there): the same operations, the same answers.
-class model_t {
-public:
-    model_t(uint64_t rows, uint32_t key_size, unsigned seed)
-        : table(make_table(rows, key_size)), random(seed), values(rows * 10), in_row(rows)
-    {
-    }
-    bool step()
-    {
-        const uint64_t number = random() % values.size();
-        const uint64_t new_value = random() | 1;
+    const table_ptr table = make_table(rows, key_size);
+    std::mt19937_64 random(rows + key_size);
+    std::vector<uint64_t> values(rows * 10);
+    std::vector<int> in_row(rows);
+    for (int step = 1; step <= steps; step++) {
+        const uint64_t number = random() % values.size(), new_value = random() | 1, what = random() % 8;
         uint64_t &value = values[number];
         int &fill = in_row[row_of(table.get(), number)];
-        switch (random() % 8) {
-        case 0:
-        case 1:
-        case 2:
-            if (value != 0 || fill == 8) {
-                return insert(table.get(), number, new_value) == FHF_REFUSED;
-            }
-            value = new_value;
-            fill++;
-            return insert(table.get(), number, new_value) == FHF_OK;
-        case 3:
+        if (what < 3) {
+            const bool taken = value == 0 && fill < 8;
+            ASSERT_EQ(insert(table.get(), number, new_value), taken ? FHF_OK : FHF_REFUSED);
+            value = taken ? new_value : value;
+            fill += taken ? 1 : 0;
+        } else if (what == 3) {
             fill -= value != 0 ? 1 : 0;
-            return remove(table.get(), number).value_or(0) == std::exchange(value, 0);
-        default:
-            return look_up(table.get(), number).value_or(0) == value;
+            ASSERT_EQ(remove(table.get(), number).value_or(0), std::exchange(value, 0));
+        } else {
+            ASSERT_EQ(look_up(table.get(), number).value_or(0), value);
         }
-    }
-    // Compare everything, taking every third entry out on the way, after a walk that is given up.
-    void walk()
-    {
+        if (step % (steps * 2 / 5) == 0) {
+            fhf_clear(table.get());
+            values.assign(values.size(), 0);
+            in_row.assign(rows, 0);
+        }
+        if (step % (steps / 10) != 0) {
+            continue;
+        }
+        // Walk, taking every third entry out on the way, after a walk that is given up.
         const iter_ptr iter = make_iter(table.get());
         std::vector<uint64_t> unseen = values;
         (void)fhf_get_next(iter.get());
         fhf_reinit_iter(iter.get());
         while (fhf_get_next(iter.get()) == FHF_OK) {
-            uint32_t number;
-            std::memcpy(&number, iter->key + 3, sizeof number);
-            ASSERT_LT(number, values.size());
-            ASSERT_EQ(std::memcmp(iter->key, make_key(number).data(), table->key_size), 0);
-            ASSERT_EQ(*reinterpret_cast<uint64_t *>(iter->data), std::exchange(unseen[number], 0));
+            uint32_t at;
+            std::memcpy(&at, iter->key + 3, sizeof at);
+            ASSERT_LT(at, values.size());
+            ASSERT_EQ(std::memcmp(iter->key, make_key(at).data(), key_size), 0);
+            ASSERT_EQ(*reinterpret_cast<uint64_t *>(iter->data), std::exchange(unseen[at], 0));
             if (random() % 3 == 0) {
                 fhf_remove_iter(iter.get());
                 fhf_remove_iter(iter.get()); // nothing stands here any more
-                values[number] = 0;
-                in_row[row_of(table.get(), number)]--;
+                values[at] = 0;
+                in_row[row_of(table.get(), at)]--;
             }
         }
         ASSERT_NE(fhf_get_next(iter.get()), FHF_OK); // a walk stays at its end
         ASSERT_EQ(unseen, std::vector<uint64_t>(values.size()));
         expect_consistent(table.get());
     }
-    void clear()
-    {
-        fhf_clear(table.get());
-        values.assign(values.size(), 0);
-        in_row.assign(in_row.size(), 0);
-    }
-
-private:
-    table_ptr table;
-    std::mt19937_64 random;
-    std::vector<uint64_t> values;
-    std::vector<int> in_row;
-};
+}
 
 TEST(FhfTable, AgreesWithAMapOverAMillionOperations) // 8 sizes * 3 keys * 50000, a tenth under a sanitizer
 {
-    constexpr int steps = SANITIZED ? 5000 : 50000;
     for (uint64_t rows = 1; rows <= 128; rows *= 2) {
         for (const uint32_t key_size : {16U, 12U, 8U}) {
-            model_t model(rows, key_size, static_cast<unsigned>(rows + key_size));
-            for (int step = 1; step <= steps; step++) {
-                ASSERT_TRUE(model.step()) << "rows " << rows << " key size " << key_size;
-                if (step % (steps / 10) == 0) {
-                    ASSERT_NO_FATAL_FAILURE(model.walk());
-                }
-                if (step % (steps * 2 / 5) == 0) {
-                    model.clear();
-                }
-            }
+            SCOPED_TRACE("rows " + std::to_string(rows) + ", key size " + std::to_string(key_size));
+            ASSERT_NO_FATAL_FAILURE(compare_with_values(rows, key_size, SANITIZED ? 5000 : 50000));
         }
     }
 }
 
-// Random operations; what is added to entries must leave with them.
-void meddle(fhf_table_t *table, unsigned seed, std::atomic<int64_t> *added, std::atomic<int64_t> *entries)
-{
-    std::mt19937_64 random(seed);
-    const auto add_one = [&](uint64_t *value) {
-        ++*value;
-        ++*added;
-    };
-    for (int step = 0; step < 100000; step++) {
-        const uint64_t number = random() % 60;
-        const uint64_t what = random() % 16;
-        if (what < 4) {
-            *entries += insert(table, number, 0) == FHF_OK ? 1 : 0;
-        } else if (what == 4) {
-            const std::optional<uint64_t> value = remove(table, number);
-            *added -= static_cast<int64_t>(value.value_or(0));
-            *entries -= value.has_value() ? 1 : 0;
-        } else if (what < 15) {
-            with(table, number, add_one);
-        } else {
-            const iter_ptr iter = make_iter(table);
-            while (fhf_get_next(iter.get()) == FHF_OK && random() % 32 != 0) {
-                add_one(reinterpret_cast<uint64_t *>(iter->data));
-            }
-        }
-    }
-}
-
+// Random operations of several threads: what is added to entries leaves with them.
 TEST(FhfTable, ManyThreadsLoseNoChangeAndNoEntry)
 {
     const table_ptr table = make_table(8);
-    std::atomic<int64_t> added{0}, entries{0};
-    std::vector<std::jthread> threads;
-    for (unsigned i = 0; i < 4; i++) {
-        threads.emplace_back(meddle, table.get(), i + 1, &added, &entries);
+    std::atomic<uint64_t> added{0}, entries{0};
+    const auto add_one = [&](uint64_t *value) {
+        ++*value;
+        ++added;
+    };
+    const auto meddle = [&](unsigned seed) {
+        std::mt19937_64 random(seed);
+        for (int step = 0; step < 100000; step++) {
+            const uint64_t number = random() % 60, what = random() % 16;
+            if (what < 4) {
+                entries += insert(table.get(), number, 0) == FHF_OK ? 1 : 0;
+            } else if (what == 4) {
+                const std::optional<uint64_t> value = remove(table.get(), number);
+                added -= value.value_or(0);
+                entries -= value ? 1 : 0;
+            } else if (what < 15) {
+                with(table.get(), number, add_one);
+            } else {
+                const iter_ptr iter = make_iter(table.get());
+                while (fhf_get_next(iter.get()) == FHF_OK && random() % 32 != 0) {
+                    add_one(reinterpret_cast<uint64_t *>(iter->data));
+                }
+            }
+        }
+    };
+    {
+        const std::jthread first(meddle, 1), second(meddle, 2), third(meddle, 3), fourth(meddle, 4);
     }
-    threads.clear(); // joined
-    const iter_ptr iter = make_iter(table.get());
-    while (fhf_get_next(iter.get()) == FHF_OK) {
-        added -= *reinterpret_cast<int64_t *>(iter->data);
-        entries--;
-        fhf_remove_iter(iter.get());
+    for (uint64_t number = 0; number < 60; number++) {
+        const std::optional<uint64_t> value = remove(table.get(), number);
+        added -= value.value_or(0);
+        entries -= value ? 1 : 0;
     }
-    EXPECT_EQ(added, 0);
-    EXPECT_EQ(entries, 0);
+    EXPECT_EQ(added, 0U);
+    EXPECT_EQ(entries, 0U);
     expect_consistent(table.get());
 }
 

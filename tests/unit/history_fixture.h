@@ -10,14 +10,12 @@
 #include "history_capture/packet_path.h"
 #include "support/host_records.h"
 #include "support/pcap_read.h"
-#include "support/process.h"
 #include "support/test_host.h"
 
 #include <atomic>
 #include <deque>
 #include <gtest/gtest.h>
-#include <string>
-#include <vector>
+#include <numeric>
 
 inline std::atomic<time_t> test_clock{1000}; // what time() answers
 
@@ -38,9 +36,7 @@ inline packet_t make_packet(uint64_t n, uint32_t length, uint8_t src, uint8_t ds
 {
     static const std::string bytes = [] {
         std::string counting(1 << 17, '\0');
-        for (size_t i = 0; i < counting.size(); i++) {
-            counting[i] = static_cast<char>(i * 7);
-        }
+        std::iota(counting.begin(), counting.end(), '\0');
         return counting;
     }();
     return {numbered_address(src), numbered_address(dst), bytes.substr(n * 31 % 256, length), n};
@@ -63,30 +59,21 @@ public:
 
     int32_t add(uint8_t number, uint8_t direction, const std::string &name) const
     {
-        const ip_addr_t ip = numbered_address(number);
-        return hc_add_rule(hc, &ip, direction, files.path(name).c_str());
+        return hc_add_rule(hc, key(number), direction, files.path(name).c_str());
     }
     int32_t hold(uint8_t number, const std::string &name) const
     {
-        const ip_addr_t ip = numbered_address(number);
-        return hc_hold_rule(hc, &ip, BOTH, files.path(name).c_str());
+        return hc_hold_rule(hc, key(number), BOTH, files.path(name).c_str());
     }
-    void release(uint8_t number) const
-    {
-        const ip_addr_t ip = numbered_address(number);
-        hc_release_rule(hc, &ip);
-    }
-    // Posts of the semaphore that the search thread has not taken.
-    int posts() const
-    {
-        int value = -1;
-        sem_getvalue(&hc->search_semaphore, &value);
-        return value;
-    }
+    void release(uint8_t number) const { hc_release_rule(hc, key(number)); }
     uint64_t progress(uint8_t number, uint8_t remove = 0) const
     {
-        const ip_addr_t ip = numbered_address(number);
-        return hc_search_progress(hc, &ip, remove);
+        return hc_search_progress(hc, key(number), remove);
+    }
+    static const ip_addr_t *key(uint8_t number)
+    {
+        static thread_local ip_addr_t addr;
+        return &(addr = numbered_address(number));
     }
     bool finishes(uint8_t number) const
     {

@@ -57,10 +57,8 @@ uint32_t random_length(std::mt19937 &random, uint64_t size)
 TEST(HistoryRing, HoldsWhatTheModelHoldsInEverySize)
 {
     std::mt19937 random(1);
-    std::vector<uint64_t> sizes;
-    for (uint64_t size = 1; size <= 160; size++) {
-        sizes.push_back(size);
-    }
+    std::vector<uint64_t> sizes(160);
+    std::iota(sizes.begin(), sizes.end(), 1);
     for (const uint64_t size : {204UL, 500UL, 1000UL, 5000UL, 65586UL, 131172UL, 200000UL}) {
         sizes.insert(sizes.end(), 6, size);
     }
@@ -97,24 +95,6 @@ TEST(HistoryRing, SpansNoTimeWhenTheClockWasSetBackAndIsAskedForTheOldestRecordN
     hc_info(ring.hc, &info);
     EXPECT_EQ(info.time_span, 7U);
     EXPECT_EQ(ring.info().time_span, 17U);
-}
-
-TEST(HistoryLife, EnablesDisablesAndEnablesAgain)
-{
-    const ring_t ring(0);
-    EXPECT_EQ(enqueue(ring.hc, make_packet(1, 10, 1, 2)), HC_DISABLED);
-    EXPECT_EQ(ring.add(1, BOTH, "none"), HC_DISABLED);
-    for (int i = 0; i < 3; i++) {
-        ASSERT_EQ(hc_enable(ring.hc, 0), HC_OK);
-        EXPECT_EQ(hc_enable(ring.hc, 5), HC_RUNNING);
-        EXPECT_EQ(ring.info().size, HC_DEFAULT_SIZE);
-        EXPECT_EQ(enqueue(ring.hc, make_packet(1, 10, 1, 2)), HC_OK);
-        ASSERT_EQ(ring.add(1, BOTH, "rule" + std::to_string(i)), HC_OK);
-        ASSERT_TRUE(ring.finishes(1)); // the count of waiting rules and the wake-up agree
-        EXPECT_EQ(progress_packets(ring.progress(1, 1)), 1U);
-        hc_disable(ring.hc);
-        EXPECT_EQ(ring.info().packets + ring.info().size + ring.info().free + ring.info().rules, 0U);
-    }
 }
 
 TEST(HistoryLife, RefusesMemoryThatIsNotToBeHad)

@@ -5,14 +5,9 @@
 #include "support/file_limit.h"
 #include "support/host_records.h"
 #include "support/pcap_read.h"
-#include "support/process.h"
 #include "support/test_host.h"
 
-#include <array>
-#include <cerrno>
-#include <cstring>
 #include <gtest/gtest.h>
-#include <optional>
 #include <pthread.h>
 
 namespace {
@@ -54,10 +49,11 @@ protected:
         fhf_unlock(row);
     }
 
-    std::optional<lc_addr_info_t> info(const ip_addr_t &ip)
+    lc_addr_info_t info(const ip_addr_t &ip)
     {
-        lc_addr_info_t out;
-        return lc_addr_info(live, &ip, &out) == LC_OK ? std::optional(out) : std::nullopt;
+        lc_addr_info_t out = {};
+        EXPECT_EQ(lc_addr_info(live, &ip, &out), LC_OK);
+        return out;
     }
 
     temp_dir_t dir;
@@ -73,11 +69,9 @@ TEST_F(LiveCapture, DirectionLimitAndEndTimeDecideWhatIsWritten)
         EXPECT_EQ(filter(watched[direction], OTHER), direction != DST ? 1 : 0);
         EXPECT_EQ(filter(OTHER, watched[direction]), direction != SRC ? 1 : 0);
     }
-    EXPECT_EQ(filter(OTHER, OTHER), 0);
     EXPECT_EQ(filter(watched[SRC], watched[DST]), 1) << "into both files";
-    EXPECT_EQ(filter(watched[DST], watched[SRC]), 0);
     EXPECT_EQ(filter(watched[BOTH], watched[BOTH]), 1) << "twice into one file";
-    EXPECT_EQ((std::array{records("0"), records("1"), records("2")}), (std::array<size_t, 3>{2, 2, 4}));
+    EXPECT_TRUE(records("0") == 2 && records("1") == 2 && records("2") == 4);
 
     ASSERT_EQ(add(A, "packets", BOTH, 3), LC_OK);
     EXPECT_EQ(filter(A, A) + filter(A, A), 2) << "the limit falls between the two sides";
@@ -92,58 +86,35 @@ TEST_F(LiveCapture, DirectionLimitAndEndTimeDecideWhatIsWritten)
     EXPECT_EQ(records("time"), 1U);
 }
 
-TEST_F(LiveCapture, RefusedRulesLeaveNoDescriptorAndNoEntry)
-{
-    ASSERT_EQ(add(A, "a"), LC_OK);
-    ASSERT_EQ(filter(A, OTHER), 1);
-    const std::string before = file_bytes(dir.path("a"));
-    EXPECT_EQ(add(B, "a"), LC_NOT_OPENED);
-    EXPECT_EQ(file_bytes(dir.path("a")), before) << "an existing file is never touched";
-    EXPECT_EQ(add(B, "none/b"), LC_NOT_OPENED);
-    {
-        const file_limit_t full(0);
-        EXPECT_EQ(add(B, "full"), LC_NOT_WRITTEN);
-    }
-    EXPECT_EQ(add(A, "again"), LC_NOT_TAKEN);
-    EXPECT_EQ(resources().first, descriptors + 1);
-    EXPECT_EQ(filter(B, OTHER), 0);
-    EXPECT_EQ(filter(A, OTHER), 1);
-    EXPECT_EQ(records("a"), 2U);
-}
-
 TEST_F(LiveCapture, UpdateCountsFromNowAndKeepsTheError)
 {
     ASSERT_EQ(add(A, "a", SRC, 5), LC_OK);
     edit(A, [](lc_item_t *item) { item->packets = 5; });
     ASSERT_EQ(lc_update_rule(live, &A, SRC, 10, 60), LC_OK);
-    EXPECT_EQ(info(A)->packet_limit, 15U);
-    EXPECT_NEAR(static_cast<double>(info(A)->end_time - time(nullptr)), 60, 1);
+    EXPECT_EQ(info(A).packet_limit, 15U);
+    EXPECT_NEAR(static_cast<double>(info(A).end_time - time(nullptr)), 60, 1);
     EXPECT_EQ(filter(OTHER, A), 0) << "the same direction stays";
     EXPECT_EQ(filter(A, OTHER), 1) << "a stopped capture runs again";
 
     ASSERT_EQ(lc_update_rule(live, &A, DST, UINT32_MAX, UINT32_MAX), LC_OK);
-    EXPECT_EQ(info(A)->packet_limit, UINT32_MAX);
+    EXPECT_EQ(info(A).packet_limit, UINT32_MAX);
     EXPECT_EQ(filter(OTHER, A), 1) << "another direction makes it both";
     edit(A, [](lc_item_t *item) { item->start_time -= 100; });
     ASSERT_EQ(lc_update_rule(live, &A, BOTH, 1, UINT32_MAX), LC_OK);
-    EXPECT_EQ(info(A)->end_time, info(A)->start_time + UINT32_MAX);
+    EXPECT_EQ(info(A).end_time, info(A).start_time + UINT32_MAX);
 
     edit(A, [](lc_item_t *item) { item->error = ENOSPC; });
     ASSERT_EQ(lc_update_rule(live, &A, BOTH, 10, 60), LC_OK);
-    EXPECT_EQ(filter(A, A), 0);
     ASSERT_EQ(lc_change_direction(live, &A, SRC), LC_OK);
-    edit(A, [](lc_item_t *item) { EXPECT_EQ(item->direction, SRC); });
-    edit(A, [](lc_item_t *item) { EXPECT_EQ(item->error, ENOSPC); });
+    EXPECT_EQ(filter(A, A), 0);
 
     EXPECT_EQ(lc_drop_rule(live, &A), LC_OK);
-    EXPECT_EQ(resources().first, descriptors);
-    EXPECT_EQ(filter(A, A), 0);
-    EXPECT_EQ(lc_drop_rule(live, &A), LC_UNKNOWN);
-    EXPECT_EQ(lc_update_rule(live, &A, BOTH, 1, 1), LC_UNKNOWN);
-    EXPECT_EQ(lc_change_direction(live, &A, SRC), LC_UNKNOWN);
-    EXPECT_FALSE(info(A).has_value());
+    for (const int32_t result :
+         {lc_drop_rule(live, &A), lc_update_rule(live, &A, BOTH, 1, 1), lc_change_direction(live, &A, SRC)}) {
+        EXPECT_EQ(result, LC_UNKNOWN);
+    }
     EXPECT_EQ(lc_progress(live, &A, 0), progress_value(PROGRESS_DONE, 0));
-    EXPECT_EQ(lc_progress(live, &A, 1), progress_value(PROGRESS_DONE, 0));
+    EXPECT_EQ(resources().first, descriptors);
 }
 
 TEST_F(LiveCapture, ProgressIsTheLargerShareAndBelow100WhileOpen)
@@ -151,15 +122,14 @@ TEST_F(LiveCapture, ProgressIsTheLargerShareAndBelow100WhileOpen)
     struct case_t {
         uint32_t packets, packet_limit;
         int elapsed, span; // seconds
-        int error;
         int percent;
     };
     constexpr case_t cases[] = {
-        {5, 10, 20, 100, 0, 50},  {1, 10, 20, 100, 0, 20},  {UINT32_MAX - 1, UINT32_MAX, 0, 100, 0, 99},
-        {10, 10, 0, 100, 0, 99},                            // stopped by its limit
-        {1, 10, 200, 100, 0, 99},                           // by its time
-        {0, 0, 20, 100, 0, 99},                             // no limit and no span to divide by
-        {1, 10, 0, 0, 0, 99},     {2, 10, -50, 100, 0, 20}, // the clock was set back
+        {5, 10, 20, 100, 50},  {1, 10, 20, 100, 20},  {UINT32_MAX - 1, UINT32_MAX, 0, 100, 99},
+        {10, 10, 0, 100, 99},                         // stopped by its limit
+        {1, 10, 200, 100, 99},                        // by its time
+        {0, 0, 20, 100, 99},                          // no limit and no span to divide by
+        {1, 10, 0, 0, 99},     {2, 10, -50, 100, 20}, // the clock was set back
     };
     ASSERT_EQ(add(A, "a"), LC_OK);
     for (const case_t &c : cases) {
@@ -172,43 +142,32 @@ TEST_F(LiveCapture, ProgressIsTheLargerShareAndBelow100WhileOpen)
                 item->packet_limit = c.packet_limit;
                 item->start_time = before - c.elapsed;
                 item->end_time = item->start_time + c.span;
-                item->error = c.error;
             });
             value = lc_progress(live, &A, 0);
         } while (time(nullptr) != before);
         EXPECT_EQ(value, progress_value(static_cast<int8_t>(c.percent), c.packets)) << &c - cases;
     }
-    EXPECT_TRUE(info(A).has_value());
 }
 
-struct doomed_t {
-    live_capture_t *live;
-    int written;
-    bool survived;
-};
-
 // Has no locals: the address sanitizer keeps the frames of a cancelled thread poisoned.
-void *write_and_die(void *argument)
+void *write_and_die(void *live)
 {
     static constexpr uint8_t data[60] = {};
-    auto *doomed = static_cast<doomed_t *>(argument);
     pthread_cancel(pthread_self());
-    doomed->written = lc_filter(doomed->live, &A, &OTHER, data, sizeof data, 1);
+    (void)lc_filter(static_cast<live_capture_t *>(live), &A, &OTHER, data, sizeof data, 1);
     pthread_testcancel();
-    doomed->survived = true;
-    return nullptr;
+    return live;
 }
 
 // A packet thread of the host with a cancellation pending writes its packet and dies with no row held.
 TEST_F(LiveCapture, CancelledPacketThreadHoldsNoRow)
 {
     ASSERT_EQ(add(A, "a"), LC_OK);
-    doomed_t doomed = {live, 0, false};
     pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, nullptr, write_and_die, &doomed), 0);
-    ASSERT_EQ(pthread_join(thread, nullptr), 0);
-    EXPECT_EQ(doomed.written, 1);
-    EXPECT_FALSE(doomed.survived) << "the cancellation was lost";
+    ASSERT_EQ(pthread_create(&thread, nullptr, write_and_die, live), 0);
+    void *result = nullptr;
+    ASSERT_EQ(pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
     EXPECT_EQ(filter(A, OTHER), 1);
     EXPECT_EQ(records("a"), 2U);
 }
@@ -225,7 +184,6 @@ TEST_F(LiveCapture, AFailedWriteStopsItsOwnCaptureOnly)
         written++;
     }
     EXPECT_EQ(filter(A, OTHER), 0) << "the error stays";
-    edit(A, [](lc_item_t *item) { EXPECT_EQ(item->error, ENOSPC); });
     EXPECT_EQ(filter(A, B), 1);
     EXPECT_EQ(lc_progress(live, &A, 1), progress_value(PROGRESS_DONE, written));
     size_t torn = 0; // of the record that found no room

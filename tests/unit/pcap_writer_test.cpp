@@ -1,17 +1,12 @@
 #include "storage/pcap_writer.h"
 
-#include "support/file_limit.h"
 #include "support/pcap_read.h"
 #include "support/process.h"
 
-#include <array>
-#include <cerrno>
 #include <fcntl.h>
-#include <functional>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -87,21 +82,6 @@ TEST_F(PcapWriter, RefusalsWriteNothing)
     expect_failure([&] { return write_pcap_header(fd); },
                    "Tried to write pcap global header into the middle of the file, aborted\n", EINVAL);
     EXPECT_EQ(file_bytes(path).size(), 24U);
-}
-
-TEST_F(PcapWriter, FullDiskTearsOneRecordAndLosesNothingBeforeIt)
-{
-    const file_limit_t limit(24 + 3 * 116 + 50);
-    ASSERT_EQ(write_pcap_header(fd), 0);
-    const auto write_one = [&] { return write_pcap_packet(fd, packet.data(), 100, STAMP); };
-    for (int i = 0; i < 3; i++) {
-        ASSERT_EQ(write_one(), 0);
-    }
-    expect_failure(write_one, "Writing pcap failed:: No space left on device\n", ENOSPC); // short
-    expect_failure(write_one, "Writing pcap failed:: File too large\n", EFBIG);           // nothing at all
-    size_t torn = 0;
-    EXPECT_EQ(read_pcap(path, &torn).size(), 3U);
-    EXPECT_EQ(torn, 50U);
 }
 
 } // namespace

@@ -2,17 +2,19 @@
 #include "probe/link_type.h"
 #include "probe/replay_clock.h"
 
-#include <algorithm>
-#include <atomic>
 #include <gtest/gtest.h>
 #include <pcap/pcap.h>
-#include <stdexcept>
-#include <thread>
 
 namespace {
 
 using times_t = std::vector<uint64_t>;
 using bytes_t = std::vector<uint8_t>;
+
+bytes_t operator+(bytes_t left, const bytes_t &right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
 
 class ProbeReplayClock : public testing::Test {
 protected:
@@ -86,49 +88,35 @@ TEST(ProbeLinkType, LinkHeadersBecomeEthernetHeaders)
     const bytes_t mac = {2, 4, 6, 8, 10, 12};
     struct row_t {
         const char *name;
-        bytes_t header;
-        bytes_t source;
         int dlt;
-        bytes_t ethertype;
+        bytes_t header, source, ethertype;
     };
+    const bytes_t cooked = {0, 0, 0, 1, 0, 6, 2, 4, 6, 8, 10, 12, 0, 0};
+    const bytes_t cooked_v2 = {0x86, 0xDD, 0, 0, 0, 0, 0, 3, 0, 1, 0, 6, 2, 4, 6, 8, 10, 12, 0, 0};
+    const bytes_t no_address = {0, 0, 2, 4, 0, 0, 9, 9, 9, 9, 9, 9, 9, 9, 8, 0};
+    const bytes_t netlink = {0, 0, 3, 0x38, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0};
     const row_t rows[] = {
-        {"raw IPv4", {}, none, DLT_RAW, {8, 0}},
-        {"raw IPv4 by its own number", {}, none, DLT_IPV4, {8, 0}},
-        {"loopback, little endian", {2, 0, 0, 0}, none, DLT_NULL, {8, 0}},
-        {"loopback, big endian", {0, 0, 0, 2}, none, DLT_NULL, {8, 0}},
-        {"OpenBSD loopback", {0, 0, 0, 24}, none, DLT_LOOP, {0x86, 0xDD}},
-        {"FreeBSD IPv6", {28, 0, 0, 0}, none, DLT_NULL, {0x86, 0xDD}},
-        {"macOS IPv6", {30, 0, 0, 0}, none, DLT_NULL, {0x86, 0xDD}},
-        {"loopback, AppleTalk", {16, 0, 0, 0}, none, DLT_NULL, {0xFF, 0xFF}},
-        {"cooked", {0, 0, 0, 1, 0, 6, 2, 4, 6, 8, 10, 12, 0, 0, 8, 0}, mac, DLT_LINUX_SLL, {8, 0}},
-        {"cooked, tagged",
-         {0, 0, 0, 1, 0, 6, 2, 4, 6, 8, 10, 12, 0, 0, 0x81, 0},
-         mac,
-         DLT_LINUX_SLL,
-         {0x81, 0}},
-        {"cooked, no address", {0, 0, 2, 4, 0, 0, 9, 9, 9, 9, 9, 9, 9, 9, 8, 0}, none, DLT_LINUX_SLL, {8, 0}},
-        {"cooked netlink",
-         {0, 0, 3, 0x38, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0},
-         none,
-         DLT_LINUX_SLL,
-         {0xFF, 0xFF}},
-        {"cooked v2",
-         {0x86, 0xDD, 0, 0, 0, 0, 0, 3, 0, 1, 0, 6, 2, 4, 6, 8, 10, 12, 0, 0},
-         mac,
-         DLT_LINUX_SLL2,
-         {0x86, 0xDD}},
+        {"raw IPv4", DLT_RAW, {}, none, {8, 0}},
+        {"raw IPv4 by its own number", DLT_IPV4, {}, none, {8, 0}},
+        {"loopback, little endian", DLT_NULL, {2, 0, 0, 0}, none, {8, 0}},
+        {"loopback, big endian", DLT_NULL, {0, 0, 0, 2}, none, {8, 0}},
+        {"OpenBSD loopback", DLT_LOOP, {0, 0, 0, 24}, none, {0x86, 0xDD}},
+        {"FreeBSD IPv6", DLT_NULL, {28, 0, 0, 0}, none, {0x86, 0xDD}},
+        {"macOS IPv6", DLT_NULL, {30, 0, 0, 0}, none, {0x86, 0xDD}},
+        {"loopback, AppleTalk", DLT_NULL, {16, 0, 0, 0}, none, {0xFF, 0xFF}},
+        {"cooked", DLT_LINUX_SLL, cooked + bytes_t{8, 0}, mac, {8, 0}},
+        {"cooked, tagged", DLT_LINUX_SLL, cooked + bytes_t{0x81, 0}, mac, {0x81, 0}},
+        {"cooked, no address", DLT_LINUX_SLL, no_address, none, {8, 0}},
+        {"cooked netlink", DLT_LINUX_SLL, netlink, none, {0xFF, 0xFF}},
+        {"cooked v2", DLT_LINUX_SLL2, cooked_v2, mac, {0x86, 0xDD}},
     };
     const bytes_t payload = {0x45, 0, 0, 20, 1, 2, 3};
     for (const row_t &row : rows) {
         probe::ethernet_maker_t maker(probe::link_type_of(row.dlt, "x"));
-        bytes_t captured = row.header;
-        captured.insert(captured.end(), payload.begin(), payload.end());
+        const bytes_t captured = row.header + payload;
         const probe::frame_t frame = maker.make(captured.data(), static_cast<uint32_t>(captured.size()));
-        bytes_t expected = none;
-        expected.insert(expected.end(), row.source.begin(), row.source.end());
-        expected.insert(expected.end(), row.ethertype.begin(), row.ethertype.end());
-        expected.insert(expected.end(), payload.begin(), payload.end());
-        EXPECT_EQ(bytes_t(frame.data, frame.data + frame.size), expected) << row.name;
+        EXPECT_EQ(bytes_t(frame.data, frame.data + frame.size), none + row.source + row.ethertype + payload)
+            << row.name;
         for (uint32_t cut = 0; cut < row.header.size(); cut++) {
             const bytes_t exact(captured.begin(), captured.begin() + cut);
             EXPECT_EQ(maker.make(exact.data(), cut).size, 0U) << row.name << " cut to " << cut;
@@ -157,21 +145,6 @@ public:
     bool intact = true;
 };
 
-// Send `count` packets of many flows through the distributor.
-void distribute(probe::distributor_t *distributor, uint64_t count)
-{
-    bytes_t data(1500);
-    for (uint64_t i = 0; i < count; i++) {
-        probe::parsed_packet_t packet = {};
-        packet.header.timestamp = i;
-        packet.key.words[0] = i % 97;
-        const auto length = static_cast<uint16_t>(i % 1500 + 1);
-        data[length - 1U] = static_cast<uint8_t>(i);
-        distributor->take(packet, data.data(), length);
-    }
-    distributor->finish();
-}
-
 } // namespace
 
 TEST(ProbeDistributor, EveryPacketReachesOneQueueInOrderAlsoWhenAnotherQueueFails)
@@ -193,7 +166,15 @@ TEST(ProbeDistributor, EveryPacketReachesOneQueueInOrderAlsoWhenAnotherQueueFail
                 }
             });
         }
-        distribute(&distributor, COUNT);
+        bytes_t data(1500);
+        for (uint64_t time = 0; time < COUNT; time++) {
+            probe::parsed_packet_t packet = {};
+            packet.header.timestamp = time;
+            packet.key.words[0] = time % 97; // flows
+            data[time % 1500] = static_cast<uint8_t>(time);
+            distributor.take(packet, data.data(), static_cast<uint16_t>(time % 1500 + 1));
+        }
+        distributor.finish();
         times_t all;
         for (uint32_t i = 0; i < QUEUES; i++) {
             threads[i].join();

@@ -1,25 +1,12 @@
 #include "protocol/message.h"
 
-#include <gtest/gtest.h>
+#include "support/wire.h"
 
 #include <array>
-#include <sstream>
-#include <string>
-#include <vector>
 
 namespace {
 
 using bytes_t = std::vector<uint8_t>;
-
-bytes_t from_hex(const std::string &text)
-{
-    std::istringstream in(text);
-    bytes_t bytes;
-    for (std::string byte; in >> byte;) {
-        bytes.push_back(static_cast<uint8_t>(std::stoul(byte, nullptr, 16)));
-    }
-    return bytes;
-}
 
 const ip_addr_t V4 = {{0xFF, 0xFF, 0xFF, 0xFF, 1, 0, 0, 10}};
 const ip_addr_t V6 = {{1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xB8, 0x0D, 1, 0x20}};
@@ -29,10 +16,11 @@ const std::string V6_HEX = "01 00 00 00 00 00 00 00 00 00 00 00 b8 0d 01 20 ";
 // A message has these bytes, both ways; cut at any byte, or with too little room, it is refused. Sizes are
 // taken to the byte on the heap, so that the address sanitizer sees a step too far as well.
 template <typename T>
-void check(const std::string &hex, uint32_t size, const T &value)
+void check(const std::string &digits, uint32_t size, const T &value)
 {
-    SCOPED_TRACE(hex);
-    const bytes_t expected = from_hex(hex);
+    SCOPED_TRACE(digits);
+    const std::string text = hex(digits);
+    const bytes_t expected(text.begin(), text.end());
     ASSERT_EQ(expected.size(), size);
     bytes_t wire(size), copy(size);
     msg_writer_t out = msg_writer(wire.data(), size);
