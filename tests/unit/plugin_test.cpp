@@ -63,7 +63,6 @@ protected:
 
     void TearDown() override
     {
-        plugin_process_shutdown(nullptr); // releases the paths of a failed start
         EXPECT_EQ(ks_exp_file_path, nullptr);
         EXPECT_EQ(ks_exp_file_path_len, 0);
         EXPECT_EQ(ks_capture_script, nullptr);
