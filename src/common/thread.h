@@ -35,6 +35,7 @@ void thread_lower_priority();
 // Sleep this long on the monotonic clock. Can be cancelled here and nowhere else;
 // leaves cancellation disabled.
 void thread_pause(uint32_t milliseconds);
+void thread_pause_until(uint64_t monotonic_ns);
 
 // Request cancellation and wait for the thread to end, when the request was accepted. Blocks.
 void thread_stop(pthread_t thread);
