@@ -56,7 +56,12 @@ void thread_lower_priority()
 
 void thread_pause(uint32_t milliseconds)
 {
-    const timespec end = timespec_of(monotonic_now_ns() + milliseconds * NS_PER_MS);
+    thread_pause_until(monotonic_now_ns() + milliseconds * NS_PER_MS);
+}
+
+void thread_pause_until(uint64_t monotonic_ns)
+{
+    const timespec end = timespec_of(monotonic_ns);
     thread_cancel_enable();
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
     }

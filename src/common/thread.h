@@ -35,6 +35,7 @@ void thread_lower_priority();
 // Sleep this long on the monotonic clock. Can be cancelled here and nowhere else;
 // leaves cancellation disabled.
 void thread_pause(uint32_t milliseconds);
+void thread_pause_until(uint64_t monotonic_ns);
 
 // poll() of one descriptor that can be cancelled there; leaves cancellation disabled.
 [[nodiscard]] int thread_poll(int fd, short events, int timeout_ms);

@@ -159,6 +159,7 @@ void place_client(ls_client_t *slots, int fd)
     slot->fd = fd;
     rm_channel_open(&slot->channel, fd);
     ls_permit_open(&slot->permit);
+    slot->served = false;
     slot->used.store(1);
     if (thread_start(&slot->thread, ls_client_handler, slot) != 0) {
         KS_ERROR("kestrune: Listener: Unable to accept a connection: client handler spawn failed: %s",

@@ -1,5 +1,6 @@
 #include "listener/permits.h"
 
+#include "common/clock.h"
 #include "common/thread.h"
 
 #include <algorithm>
@@ -7,11 +8,9 @@
 
 namespace {
 
-int64_t thread_cpu_ns()
+int64_t now_ns(clockid_t clock)
 {
-    timespec now = {};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+    return static_cast<int64_t>(clock_now_ns(clock));
 }
 
 void append(ls_permits_t *permits, ls_permit_t *permit) KS_REQUIRES(permits->lock)
@@ -33,11 +32,42 @@ void take_out(ls_permits_t *permits, ls_permit_t *permit) KS_REQUIRES(permits->l
     *link = permit->next;
 }
 
-// The permit is the connection's from now on.
-void grant(ls_permits_t *permits, ls_permit_t *permit) KS_REQUIRES(permits->lock)
+// The permit is the connection's from now on; its turn is the latest.
+void grant(ls_permits_t *permits, ls_permit_t *permit, int64_t turn_ns) KS_REQUIRES(permits->lock)
 {
     permit->state = ls_permit_state_t::HOLDING;
-    permits->turn_ns = std::max(permits->turn_ns, permit->turn_ns);
+    permits->turn_ns = std::max(permits->turn_ns, turn_ns);
+}
+
+// Look now and then whether the rest of the process is busy. If not, all use is paid for.
+void look_at_process(ls_permits_t *permits, int64_t now) KS_REQUIRES(permits->lock)
+{
+    const int64_t passed = now - permits->looked_ns;
+    if (passed < LS_LOOK_NS) {
+        return;
+    }
+    const int64_t process = now_ns(CLOCK_PROCESS_CPUTIME_ID);
+    const int64_t others = process - permits->process_ns - permits->requests_ns;
+    if (others < passed * 3 / 4) {
+        permits->paid_ns = now - LS_SAVED_NS;
+    }
+    permits->looked_ns = now;
+    permits->process_ns = process;
+    permits->requests_ns = 0;
+}
+
+// Charge the connection and all of them for what its thread has used since the last time.
+void charge(ls_permits_t *permits, ls_permit_t *permit) KS_REQUIRES(permits->lock)
+{
+    const int64_t cpu = now_ns(CLOCK_THREAD_CPUTIME_ID);
+    const int64_t now = now_ns(CLOCK_MONOTONIC);
+    const int64_t used = cpu - permit->cpu_ns;
+    permit->cpu_ns = cpu;
+    permit->used_ns += used;
+    permits->requests_ns += used;
+    permits->paid_ns = std::max(permits->paid_ns, now - LS_SAVED_NS) + used * LS_SHARE;
+    permits->paid_ns = std::min(permits->paid_ns, now + LS_LONGEST_PAUSE_NS);
+    look_at_process(permits, now);
 }
 
 // The waiter whose turn is the earliest, of equal ones the first that came; null when nobody waits.
@@ -59,7 +89,7 @@ void hand_on(ls_permits_t *permits) KS_REQUIRES(permits->lock)
         return;
     }
     take_out(permits, next);
-    grant(permits, next);
+    grant(permits, next, next->turn_ns);
     pthread_cond_signal(&next->granted);
 }
 
@@ -68,7 +98,7 @@ void unlock(void *lock) KS_NO_ANALYSIS // the waiter's; a cancelled one has it a
     mutex_unlock(static_cast<mutex_t *>(lock));
 }
 
-// Gives the lock back, also when the thread is cancelled.
+// Both waits can be cancelled and leave cancellation disabled. This one gives the lock back, also when it is cancelled.
 void wait_until_granted(ls_permits_t *permits, ls_permit_t *permit) KS_RELEASE(permits->lock) KS_NO_ANALYSIS
 {
     pthread_cleanup_push(unlock, &permits->lock);
@@ -80,6 +110,16 @@ void wait_until_granted(ls_permits_t *permits, ls_permit_t *permit) KS_RELEASE(p
     pthread_cleanup_pop(1);
 }
 
+void wait_until_paid(ls_permits_t *permits) KS_EXCLUDES(permits->lock)
+{
+    mutex_lock(&permits->lock);
+    const int64_t paid = permits->paid_ns;
+    mutex_unlock(&permits->lock);
+    if (paid > now_ns(CLOCK_MONOTONIC)) {
+        thread_pause_until(static_cast<uint64_t>(paid));
+    }
+}
+
 } // namespace
 
 void ls_permits_init(ls_permits_t *permits) KS_NO_ANALYSIS // not shared yet
@@ -88,6 +128,10 @@ void ls_permits_init(ls_permits_t *permits) KS_NO_ANALYSIS // not shared yet
     permits->free = LS_PERMITS;
     permits->waiting = nullptr;
     permits->turn_ns = 0;
+    permits->paid_ns = 0;
+    permits->looked_ns = now_ns(CLOCK_MONOTONIC);
+    permits->process_ns = now_ns(CLOCK_PROCESS_CPUTIME_ID);
+    permits->requests_ns = 0;
 }
 
 void ls_permit_open(ls_permit_t *permit)
@@ -104,19 +148,19 @@ void ls_permit_close(ls_permits_t *permits, ls_permit_t *permit)
 
 void ls_permit_enter(ls_permits_t *permits, ls_permit_t *permit)
 {
-    const int64_t cpu_ns = thread_cpu_ns();
     mutex_lock(&permits->lock);
-    permit->turn_ns = std::max(permits->turn_ns, permit->turn_ns + cpu_ns - permit->cpu_ns);
-    permit->cpu_ns = cpu_ns;
+    charge(permits, permit);
+    permit->used_ns = std::max(permits->turn_ns, permit->used_ns);
+    permit->turn_ns = permit->used_ns - (permit->leads ? LS_LEAD_NS : 0);
     if (permits->free > 0) {
         permits->free--;
-        grant(permits, permit);
-        mutex_unlock(&permits->lock);
-        return;
+        grant(permits, permit, permit->used_ns); // nobody is overtaken, so no lead is used up
+    } else {
+        permit->state = ls_permit_state_t::WAITING;
+        append(permits, permit);
     }
-    permit->state = ls_permit_state_t::WAITING;
-    append(permits, permit);
     wait_until_granted(permits, permit);
+    wait_until_paid(permits);
 }
 
 void ls_permit_leave(ls_permits_t *permits, ls_permit_t *permit)
@@ -125,6 +169,7 @@ void ls_permit_leave(ls_permits_t *permits, ls_permit_t *permit)
     if (permit->state == ls_permit_state_t::WAITING) {
         take_out(permits, permit);
     } else if (permit->state == ls_permit_state_t::HOLDING) {
+        charge(permits, permit);
         hand_on(permits);
     }
     permit->state = ls_permit_state_t::IDLE;

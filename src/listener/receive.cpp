@@ -25,6 +25,12 @@ bool ls_receive(const ls_client_t *slot, uint8_t *bytes, uint32_t size)
     return true;
 }
 
+bool ls_must_wait(const ls_client_t *slot)
+{
+    uint8_t byte;
+    return recv(slot->fd, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) < 0;
+}
+
 bool ls_receive_value(const ls_client_t *slot, uint32_t *value)
 {
     uint8_t bytes[MSG_VALUE_SIZE];

@@ -9,6 +9,9 @@
 // Blocks; can be cancelled.
 [[nodiscard]] bool ls_receive(const ls_client_t *slot, uint8_t *bytes, uint32_t size);
 
+// Whether nothing of the next request has arrived yet.
+[[nodiscard]] bool ls_must_wait(const ls_client_t *slot);
+
 // A request's last byte has arrived: wait for the turn to carry it out. Can be
 // cancelled. The reply ends the turn.
 inline void ls_begin_work(ls_client_t *slot)

@@ -242,9 +242,12 @@ bool dispatch(ls_client_t *slot, const msg_header_t &header, const timeval &rece
 bool serve_request(ls_client_t *slot)
 {
     uint8_t bytes[MSG_HEADER_SIZE];
+    const bool waited = ls_must_wait(slot);
     if (!ls_receive(slot, bytes, sizeof bytes)) {
         return false;
     }
+    slot->permit.leads = waited && slot->served; // the first ones of many connections come all at once
+    slot->served = true;
     timeval received = {};
     gettimeofday(&received, nullptr);
     msg_header_t header = {};

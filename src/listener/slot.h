@@ -25,6 +25,7 @@ struct ls_client_t {
     int32_t fd; // owned while busy
 
     bool joinable;         // `thread` has not been joined; the listener thread's
+    bool served;           // has had a request; the handler's
     uint8_t *reply;        // owned reply being sent, or null
     ls_permits_t *permits; // borrowed, of the listener
     ls_permit_t permit;    // this connection's part

@@ -11,8 +11,6 @@
 
 namespace {
 
-bool start_failed = false; // the last start left its paths allocated
-
 // Parse the parameter string into the settings, *port and *script. False after logging why.
 bool parse_parameters(const char *params, char **port, char **script)
 {
@@ -187,11 +185,10 @@ template <hc_ends_t ENDS(const host_header_t *)>
 plugin_private_t *plugin_process_init(const char *params, const void * /*host_1*/, const void * /*host_2*/,
                                       int32_t queue_count)
 {
-    if (start_failed) {
+    plugin_private_t *plugin = start(params, queue_count);
+    if (plugin == nullptr) {
         forget_paths();
     }
-    plugin_private_t *plugin = start(params, queue_count);
-    start_failed = plugin == nullptr;
     return plugin;
 }
 

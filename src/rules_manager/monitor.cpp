@@ -1,3 +1,4 @@
+#include "common/clock.h"
 #include "common/log.h"
 #include "common/printable.h"
 #include "common/progress.h"
@@ -16,6 +17,8 @@
 std::atomic<uint32_t> rm_pass_pause_ms{RM_PASS_PAUSE_MS};
 
 namespace {
+
+constexpr uint64_t RM_HOLD_NS = NS_PER_MS; // for which a pass keeps the registry's lock
 
 // What a pass owns. A cancellation in its second phase must release it.
 struct pass_t {
@@ -99,14 +102,14 @@ int8_t update_progress(rules_manager_t *rm, rm_rule_t *rule) KS_REQUIRES(rm->loc
     return total;
 }
 
-// First phase: update every rule's progress and unlink the finished rules into *finished.
-// Returns the number of registered clients.
-int32_t take_finished(rules_manager_t *rm, rm_rule_t **finished)
+// Update the progress of the rules from *link on and unlink the finished ones into *finished, for RM_HOLD_NS at
+// most but for the last rule. Returns where to go on, or null at the end.
+rm_rule_t **update_some(rules_manager_t *rm, rm_rule_t **link, rm_rule_t **finished) KS_REQUIRES(rm->lock)
 {
     rm_capture_batch_t batch = {};
-    rwlock_write(&rm->lock);
-    rm_rule_t **link = &rm->rules;
-    while (*link != nullptr) {
+    const uint64_t end_ns = monotonic_now_ns() + RM_HOLD_NS;
+    bool in_time = true;
+    for (; *link != nullptr && in_time; in_time = monotonic_now_ns() < end_ns) {
         rm_rule_t *rule = *link;
         const int8_t total = update_progress(rm, rule);
         if (static_cast<uint8_t>(total) != rule->last_progress) {
@@ -123,6 +126,20 @@ int32_t take_finished(rules_manager_t *rm, rm_rule_t **finished)
         }
     }
     rm_send_captures(rm, &batch);
+    return *link != nullptr ? link : nullptr;
+}
+
+// First phase: update every rule's progress and unlink the finished rules into *finished. Others get the lock in
+// between: they add rules at the head of the list, and only the monitor takes rules out.
+// Returns the number of registered clients.
+int32_t take_finished(rules_manager_t *rm, rm_rule_t **finished)
+{
+    rwlock_write(&rm->lock);
+    rm_rule_t **link = &rm->rules;
+    while ((link = update_some(rm, link, finished)) != nullptr) {
+        rwlock_write_unlock(&rm->lock);
+        rwlock_write(&rm->lock);
+    }
     const int32_t client_count = rm->client_count;
     rwlock_write_unlock(&rm->lock);
     return client_count;

@@ -285,8 +285,8 @@ void rm_clean(rules_manager_t *rm)
 
 void rm_destroy(rules_manager_t *rm)
 {
+    thread_stop(rm->thread); // first: between two parts of a pass it keeps its place in the list
     rm_clean(rm);
-    thread_stop(rm->thread);
     std::free(rm->filenames);
     rm->filenames = nullptr;
     rm->filenames_size = 0;

@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <gtest/gtest.h>
+#include <iterator>
+#include <vector>
 
 namespace {
 
@@ -25,11 +27,21 @@ struct room_t {
     ls_permits_t permits;
 };
 
+// Until this thread has used so much.
+void use_processor(int milliseconds)
+{
+    timespec used = {};
+    while (used.tv_nsec < milliseconds * 1000000L) {
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    }
+}
+
 // A connection that asks once, its thread having used some processor time; it holds its permit until it is told.
 struct asker_t {
-    asker_t(room_t *of, int milliseconds) : room(of), use_ms(milliseconds)
+    asker_t(room_t *of, int milliseconds, bool leads = false) : room(of), use_ms(milliseconds)
     {
         ls_permit_open(&permit);
+        permit.leads = leads;
         const int before = room->free();
         EXPECT_EQ(thread_start(&thread, ask, this), 0);
         EXPECT_TRUE(wait_until([&] { return room->free() == before - 1; }));
@@ -44,10 +56,7 @@ struct asker_t {
         auto *self = static_cast<asker_t *>(asker);
         thread_begin("asker");
         pthread_cleanup_push(close, asker);
-        timespec used = {};
-        while (used.tv_nsec < self->use_ms * 1000000L) {
-            clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
-        }
+        use_processor(self->use_ms);
         ls_permit_enter(&self->room->permits, &self->permit);
         while (!self->told) {
             thread_pause(1);
@@ -79,8 +88,9 @@ TEST(Permits, GoToTheConnectionThatUsedLeast)
 {
     room_t room;
     asker_t first(&room, 0), second(&room, 0); // the two that hold
-    asker_t heavy(&room, 300), busy(&room, 200), light(&room, 20), quiet(&room, 0);
-    asker_t *const order[] = {&quiet, &light, &busy, &heavy};
+    asker_t heavy(&room, 300), busy(&room, 200), light(&room, 5), quiet(&room, 0),
+        waited_for(&room, 15, true), too_often(&room, 120, true);
+    asker_t *const order[] = {&waited_for, &quiet, &light, &too_often, &busy, &heavy};
     for (size_t i = 0; i < std::size(order); i++) {
         EXPECT_FALSE(order[i]->holds());
         (i == 0 ? first : i == 1 ? second : *order[i - 2]).end();
@@ -121,6 +131,33 @@ TEST(Permits, WhatAConnectionDidNotUseInThePastIsNotMadeUpFor)
     EXPECT_TRUE(waiting.holds());
     for (asker_t *asker : {&second, &waiting, &later}) {
         asker->end();
+    }
+}
+
+TEST(Permits, PauseWhatHasBeenUsedOnlyWhileTheRestOfTheProcessIsBusy)
+{
+    for (const int packet_threads : {0, 16}) { // many, since other programs run, too
+        std::vector<std::jthread> busy;
+        for (int i = 0; i < packet_threads; i++) {
+            busy.emplace_back([](const std::stop_token &stop) {
+                while (!stop.stop_requested()) {
+                }
+            });
+        }
+        room_t room;
+        std::chrono::steady_clock::duration pause{};
+        std::thread([&] {
+            ls_permit_t permit;
+            ls_permit_open(&permit);
+            ls_permit_enter(&room.permits, &permit);
+            use_processor(100);
+            ls_permit_leave(&room.permits, &permit);
+            const auto begin = std::chrono::steady_clock::now();
+            ls_permit_enter(&room.permits, &permit);
+            pause = std::chrono::steady_clock::now() - begin;
+            ls_permit_close(&room.permits, &permit);
+        }).join();
+        EXPECT_EQ(pause > std::chrono::nanoseconds(LS_LONGEST_PAUSE_NS / 2), packet_threads > 0);
     }
 }
 

@@ -41,7 +41,9 @@ protected:
     }
     ~Plugin() override
     {
-        plugin_process_shutdown(plugin); // releases the paths of a failed start as well
+        if (plugin != nullptr) { // a start that was refused has nothing to release
+            plugin_process_shutdown(plugin);
+        }
         EXPECT_TRUE(ks_exp_file_path == nullptr && ks_exp_file_path_len == 0 && ks_capture_script == nullptr);
     }
     bool starts(int32_t queues, std::map<std::string, std::string> params = {})
