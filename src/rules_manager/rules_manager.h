@@ -109,11 +109,11 @@ struct rm_detail_t {
 [[nodiscard]] int32_t rm_init(rules_manager_t *rm, live_capture_t *live, history_capture_t **history,
                               int32_t queues);
 
-// Release every rule, stop the monitor (a running capture script is killed) and release the rest. No handler
-// may use the registry any more.
+// Stop the monitor (a running capture script is killed), release every rule and the rest. No handler may use the
+// registry any more.
 void rm_destroy(rules_manager_t *rm);
 
-// Forget every registration and release every rule.
+// Forget every registration and release every rule. No pass may be under way.
 void rm_clean(rules_manager_t *rm) KS_EXCLUDES(rm->lock);
 
 // The rules. All take the lock themselves.

@@ -10,8 +10,8 @@ constexpr uint32_t RM_CAPTURE_BYTES = MSG_HEADER_SIZE + MSG_UPDATE_CAPTURE_SIZE;
 // Sent together, so that even 10000 updates to 128 clients hold the lock for a few milliseconds only.
 constexpr uint32_t RM_CAPTURES_PER_SEND = 1024;
 
-// CAPTURE updates of one walk over the rules, collected and sent together because the walk holds the registry
-// lock. Slots do not change meanwhile.
+// CAPTURE updates of a walk over rules with the registry locked, collected and sent together. Slots do not change
+// meanwhile.
 struct rm_capture_batch_t {
     uint8_t bytes[RM_CAPTURES_PER_SEND * RM_CAPTURE_BYTES];
     uint32_t used;
