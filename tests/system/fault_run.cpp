@@ -5,12 +5,10 @@
 //
 // The entry of this call in the library's table of imported functions is replaced: the plugin runs as it was
 // built, and the calls of everybody else are not touched. Exit status 0, 1, or 3 when no call failed.
-#include "client/error.h"
 #include "client/session.h"
 #include "plugin/plugin.h"
 #include "support/host_records.h"
 #include "support/pcap_read.h"
-#include "support/process.h"
 #include "support/test_host.h"
 
 #include <algorithm>
@@ -20,16 +18,12 @@
 #include <fstream>
 #include <iostream>
 #include <link.h>
-#include <map>
 #include <memory>
-#include <optional>
 #include <set>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 using namespace std::chrono_literals;
 using kestrune::client_error_t;
@@ -270,13 +264,11 @@ public:
         rule_t rule = {address, "", {}};
         for (const auto &entry : std::filesystem::directory_iterator(files.path())) {
             const std::string file = entry.path().filename();
-            if (file.starts_with(name + "_") && queue_of(file) == -1) {
-                rule.live_file = file;
-            } else if (file.starts_with(name + "_")) {
-                for (uint64_t number = 0; number < fed.size(); number++) {
-                    if (fed[number] == std::pair{address, queue_of(file)}) {
-                        rule.expected[file].insert(number);
-                    }
+            const bool is_own = file.starts_with(name + "_");
+            rule.live_file = is_own && queue_of(file) == -1 ? file : rule.live_file;
+            for (uint64_t number = 0; is_own && number < fed.size(); number++) {
+                if (fed[number] == std::pair{address, queue_of(file)}) {
+                    rule.expected[file].insert(number);
                 }
             }
         }
@@ -287,7 +279,7 @@ public:
     }
 
     // Wait until no rule is left, or take them out. With a fault for ever they may stay.
-    void finish(size_t visuals, bool taking_out)
+    void finish(int visuals, bool taking_out)
     {
         const bool must = fault.count != FOR_EVER && fault.call != "listen";
         const auto end = steady_clock::now() + (must ? 15s : 1s);
@@ -303,16 +295,16 @@ public:
             std::this_thread::sleep_for(2ms);
         }
         expect(empty || !must, "rules do not end");
-        std::optional<kestrune::update_t> got;
-        do {
-            const auto wait = fault.is_nothing() && visuals > 0 ? 10s : 0s;
-            got.reset();
-            ask([&](session_t &s) { got = s.next_update(steady_clock::now() + wait); });
-            if (got && std::holds_alternative<kestrune::visual_t>(*got)) {
-                visuals -= visuals > 0 ? 1 : 0;
-            }
-        } while (got);
-        expect(visuals == 0 || !fault.is_nothing(), "a rule's end was not told");
+        for (bool more = true; more;) {
+            more = false;
+            ask([&](session_t &s) {
+                const auto wait = fault.is_nothing() && visuals > 0 ? 10s : 0s;
+                const auto got = s.next_update(steady_clock::now() + wait);
+                more = got.has_value();
+                visuals -= more && std::holds_alternative<kestrune::visual_t>(*got) ? 1 : 0;
+            });
+        }
+        expect(visuals <= 0 || !fault.is_nothing(), "a rule's end was not told");
     }
 
     // After the stop: threads, descriptors, processes, messages and files.

@@ -16,7 +16,7 @@ from probe_process import FRAGMENTS, TAGGED, WEB, ProbeProcess, built, missing, 
 
 IPV4_PACKET = bytes.fromhex("45000014 00000000 40110000 0a000001 0a000002")
 IPV4_FRAME = bytes(12) + b"\x08\x00" + IPV4_PACKET
-RAW_IP, WLAN = 101, 105  # link types
+WLAN = 105  # a link type
 AT_ONCE = ("--speed", "0")
 
 Packet = collections.namedtuple("Packet", "queue timestamp flow_packets foreign_thread src dst frame")

@@ -65,6 +65,13 @@ public:
     {
         return hc_hold_rule(hc, key(number), BOTH, files.path(name).c_str());
     }
+    // Packets of 100 bytes with these numbers, up to the last and without it.
+    void put(uint64_t first, uint64_t last, uint8_t src, uint8_t dst) const
+    {
+        for (uint64_t n = first; n < last; n++) {
+            EXPECT_EQ(enqueue(hc, make_packet(n, 100, src, dst)), HC_OK);
+        }
+    }
     void release(uint8_t number) const { hc_release_rule(hc, key(number)); }
     uint64_t progress(uint8_t number, uint8_t remove = 0) const
     {

@@ -118,13 +118,11 @@ TEST(HistorySearch, EveryRuleGetsExactlyTheRecordsOfItsMoment)
 TEST(HistorySearch, DisableLeavesABegunRunItsLock)
 {
     const ring_t ring(3 * 151);
-    for (uint64_t n = 0; n < 6; n++) {
-        ASSERT_EQ(enqueue(ring.hc, make_packet(n, 100, 1, 2)), HC_OK);
-    }
+    ring.put(0, 6, 1, 2);
     hold_begun_run = true;
     ASSERT_EQ(ring.add(1, BOTH, "rule"), HC_OK);
     ASSERT_TRUE(wait_until([&] { return ring.hc->searching == 1; }));
-    std::thread writer([&] { EXPECT_EQ(enqueue(ring.hc, make_packet(6, 100, 7, 8)), HC_OK); });
+    std::thread writer([&] { ring.put(6, 7, 7, 8); });
     ASSERT_TRUE(wait_until([&] { return ring.hc->appending == 1; }));
     const int before = write_locks;
     std::thread stopper([&] { hc_disable(ring.hc); });
@@ -138,24 +136,16 @@ TEST(HistorySearch, DisableLeavesABegunRunItsLock)
 TEST(HistorySearch, NothingFollowsARecordThatWentOutInPart)
 {
     const ring_t ring(10 * 151, 60000);
-    ASSERT_EQ(ring.add(9, BOTH, "first"), HC_OK);
-    ASSERT_TRUE(ring.finishes(9)); // the next rule waits, and its packets are written when they are dropped
-    for (uint64_t n = 0; n < 10; n++) {
-        ASSERT_EQ(enqueue(ring.hc, make_packet(n, 100, 1, 2)), HC_OK);
-    }
+    ring.let_rules_wait(); // their packets are written when they are dropped
+    ring.put(0, 10, 1, 2);
     ASSERT_EQ(ring.add(1, BOTH, "rule"), HC_OK);
     const uint32_t held = ring.info().packets;
     test_host::reset();
-    const auto drop_some = [&] {
-        for (uint64_t n = 0; n < 6; n++) {
-            ASSERT_EQ(enqueue(ring.hc, make_packet(n, 100, 5, 6)), HC_OK);
-        }
-    };
     {
         const file_limit_t full(24 + 2 * 116 + 50);
-        drop_some();
+        ring.put(0, 6, 5, 6); // drops them
     }
-    drop_some(); // there is room again
+    ring.put(6, 12, 5, 6); // there is room again
     EXPECT_EQ(progress_packets(ring.progress(1)), held);
     for (const char *message : {"Slow search: Packet was not stored to file.", // for each that is missing
                                 "It was not possible to write the packet into the file."}) {
@@ -178,7 +168,7 @@ TEST(HistoryHold, HeldRuleTakesEverythingUpToItsRelease)
     ASSERT_TRUE(wait_until([&] { return !run_posted(ring.hc); })); // the run has met it
     for (uint64_t n = 0; n < 12; n++) {
         test_clock++;
-        ASSERT_EQ(enqueue(ring.hc, make_packet(n, 100, 1, 3)), HC_OK);
+        ring.put(n, n + 1, 1, 3);
     }
     EXPECT_EQ(ring.hc->searching, 0);
     EXPECT_EQ(ring.info().rules, 2U);
@@ -187,9 +177,7 @@ TEST(HistoryHold, HeldRuleTakesEverythingUpToItsRelease)
     rwlock_read(&ring.hc->state_lock);
     ring.release(1);
     test_clock++;
-    for (uint64_t n = 12; n < 15; n++) {
-        EXPECT_EQ(enqueue(ring.hc, make_packet(n, 100, 1, 3)), HC_OK);
-    }
+    ring.put(12, 15, 1, 3);
     rwlock_read_unlock(&ring.hc->state_lock);
     ASSERT_TRUE(ring.finishes(1));
     EXPECT_EQ(progress_percent(ring.progress(2)), PROGRESS_DONE);

@@ -171,6 +171,20 @@ TEST(Monitor, AnnouncesEveryChangeAndTheEndOfARule)
     EXPECT_EQ(registry.rules(), 0);
 }
 
+TEST(Monitor, TheUpdatesOfOnePassComeInOrder)
+{
+    registry_t registry;
+    connection_t connection;
+    for (uint32_t i = 0; i < 3; i++) {
+        EXPECT_EQ(registry.add(i, SRC, 0, 0, "a"), RM_OK);
+    }
+    EXPECT_EQ(registry.register_client(connection), RM_OK);
+    registry.pass();
+    const std::string expected = capture(2, 100) + capture(1, 100) + capture(0, 100) +
+                                 visual(0, 0, 0, "", "") + visual(1, 0, 0, "", "") + visual(2, 0, 0, "", "");
+    EXPECT_EQ(connection.client.receive(expected.size()), expected);
+}
+
 TEST(Monitor, AHistoryListIsCutAtTheLastWholeName)
 {
     constexpr size_t LONG = 20000, ROOM = MSG_TEXT_WIRE_MAX - 3 * LONG - 3; // behind three names and commas
