@@ -1,7 +1,9 @@
 #include "http/gate.h"
 
+#include "config/settings.h"
 #include "http/limits.h"
 
+#include <arpa/inet.h>
 #include <strings.h>
 
 namespace kestrune::manager {
@@ -34,11 +36,15 @@ bool is_json_type(std::string_view type)
             equal_ignoring_case(parameters, "charset=\"utf-8\""));
 }
 
-// The last element: the one that the proxy on this machine added.
-std::string forwarded_address(std::string_view field)
+// The last element: the one that the proxy on this machine added. What is no address is not believed.
+std::string forwarded_address(std::string_view field, const std::string &peer)
 {
     const size_t comma = field.rfind(',');
-    return std::string(trim(comma == std::string_view::npos ? field : field.substr(comma + 1)));
+    const std::string address(trim(comma == std::string_view::npos ? field : field.substr(comma + 1)));
+    in6_addr bytes = {};
+    const bool literal =
+        inet_pton(AF_INET, address.c_str(), &bytes) == 1 || inet_pton(AF_INET6, address.c_str(), &bytes) == 1;
+    return literal ? address : peer;
 }
 
 std::string_view ticket_of(std::string_view query)
@@ -96,8 +102,8 @@ std::shared_ptr<const gate_settings_t> gate_t::settings() const
 std::optional<http_answer_t> gate_t::check(http_request_t *request, const route_t **route)
 {
     const std::shared_ptr<const gate_settings_t> settings = this->settings();
-    if (settings->behind_proxy && request->fields.forwarded_for) {
-        request->caller.from = forwarded_address(*request->fields.forwarded_for);
+    if (settings->behind_proxy && request->fields.forwarded_for && is_loopback(request->caller.from)) {
+        request->caller.from = forwarded_address(*request->fields.forwarded_for, request->caller.from);
     }
     if (!request->fields.repeated.empty()) {
         return problem(400, "the header has two fields " + request->fields.repeated);

@@ -1,5 +1,7 @@
 #include "http/host_check.h"
 
+#include "config/settings.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstring>
@@ -80,16 +82,6 @@ std::optional<host_port_t> parse_host_port(std::string_view given)
 }
 
 } // namespace
-
-bool is_loopback(const std::string &host)
-{
-    in_addr four = {};
-    if (inet_pton(AF_INET, host.c_str(), &four) == 1) {
-        return (ntohl(four.s_addr) >> 24) == IN_LOOPBACKNET;
-    }
-    in6_addr six = {};
-    return inet_pton(AF_INET6, host.c_str(), &six) == 1 && IN6_IS_ADDR_LOOPBACK(&six);
-}
 
 host_check_t::host_check_t(const std::string &listen_host, const std::vector<std::string> &names)
 {

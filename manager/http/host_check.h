@@ -25,7 +25,4 @@ private:
     bool any_literal_ = false;       // listening on all addresses: every literal one is ours
 };
 
-// Whether a literal address is one of this machine's loopback.
-bool is_loopback(const std::string &host);
-
 } // namespace kestrune::manager
