@@ -302,7 +302,7 @@ void connection_t::work()
         return;
     }
     if ((route_->flags & ROUTE_QUICK) != 0) {
-        answer(shared_->handlers.quick(request_, *route_));
+        answer(shared_->handlers.quick(*route_));
         return;
     }
     enter(state_t::WORK, WORK_TIME);
