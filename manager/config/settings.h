@@ -65,6 +65,9 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// Whether a literal address is one of this machine's loopback.
+bool is_loopback(const std::string &host);
+
 // Reads a file; without one, the defaults. All paths become absolute. Throws settings_error_t.
 settings_t read_settings(const std::filesystem::path &file, const std::filesystem::path &state_directory);
 
