@@ -82,6 +82,11 @@ void session_t::updates_on()
     ask({msg_action::INFO, msg_target::ON, {}});
 }
 
+void session_t::updates_off()
+{
+    ask({msg_action::INFO, msg_target::OFF, {}});
+}
+
 void session_t::set_heavy_size(uint32_t packets)
 {
     ask({msg_action::REQ_HS, msg_target::HEAVY_SIZE, bytes_of(packets)});

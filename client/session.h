@@ -62,6 +62,7 @@ public:
     void history_off();
     msg_hb_info_t history_info();
     void updates_on();
+    void updates_off();
     void set_heavy_size(uint32_t packets);
 
     // The same for many addresses, without waiting for a reply before the next request. They throw as above,

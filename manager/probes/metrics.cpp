@@ -1,4 +1,4 @@
-#include "manager/probes/metrics.h"
+#include "probes/metrics.h"
 
 #include "client/error.h"
 
@@ -6,10 +6,9 @@
 #include <array>
 #include <charconv>
 #include <optional>
-#include <stdexcept>
 #include <strings.h>
 
-namespace kestrune {
+namespace kestrune::manager {
 
 namespace {
 
@@ -126,32 +125,11 @@ probe_counters_t parse_metrics(std::string_view text)
             static_cast<uint64_t>(*sums[3])};
 }
 
-metrics_url_t parse_metrics_url(std::string_view url)
+std::string fetch_metrics(const endpoint_t &endpoint, const std::string &path, deadline_t deadline,
+                          int interrupt_fd)
 {
-    static constexpr std::string_view SCHEME = "http://";
-    const std::string shown(printable(url));
-    if (!url.starts_with(SCHEME)) {
-        throw std::invalid_argument("'" + shown + "' does not begin with http://");
-    }
-    url.remove_prefix(SCHEME.size());
-    const size_t slash = std::min(url.find('/'), url.size());
-    const std::string_view host = url.substr(0, slash);
-    const std::string_view path = url.substr(slash);
-    for (const char c : url) {
-        if (c <= ' ' || c == 0x7F || c == '@' || c == '#') {
-            throw std::invalid_argument("'" + shown + "' is no URL of metrics: write http://HOST:PORT/PATH");
-        }
-    }
-    const bool has_port = host.find(':', host.find(']') == std::string_view::npos ? 0 : host.find(']')) !=
-                          std::string_view::npos;
-    return {parse_endpoint(has_port ? std::string(host) : std::string(host) + ":80"),
-            path.empty() ? "/metrics" : std::string(path)};
-}
-
-std::string fetch_metrics(const metrics_url_t &url, deadline_t deadline, int interrupt_fd)
-{
-    socket_t socket(url.endpoint, deadline, interrupt_fd);
-    const std::string request = "GET " + url.path + " HTTP/1.0\r\nHost: " + url.endpoint.text() +
+    socket_t socket(endpoint, deadline, interrupt_fd);
+    const std::string request = "GET " + path + " HTTP/1.0\r\nHost: " + endpoint.text() +
                                 "\r\nAccept: text/plain\r\nConnection: close\r\n\r\n";
     socket.send({reinterpret_cast<const uint8_t *>(request.data()), request.size()}, deadline, interrupt_fd);
     std::string answer;
@@ -179,4 +157,4 @@ std::string fetch_metrics(const metrics_url_t &url, deadline_t deadline, int int
     return body_of(answer);
 }
 
-} // namespace kestrune
+} // namespace kestrune::manager

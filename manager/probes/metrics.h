@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace kestrune {
+namespace kestrune::manager {
 
 constexpr size_t METRICS_SIZE_MAX = size_t{1} << 20; // bytes of an answer, with its header
 
@@ -26,18 +26,10 @@ struct probe_counters_t {
 // (MALFORMED) when one of the counters is missing or has no number. Other lines are passed over.
 probe_counters_t parse_metrics(std::string_view text);
 
-// Where metrics are served.
-struct metrics_url_t {
-    endpoint_t endpoint;
-    std::string path;
-};
-
-// "http://HOST[:PORT][/PATH]". Throws std::invalid_argument.
-metrics_url_t parse_metrics_url(std::string_view url);
-
 // GET over a connection of its own. Throws client_error_t: CONNECT, NO_LISTENER, TIMEOUT (not done by the
 // deadline), CLOSED (an answer that ends early), MALFORMED (another status than 200, or more than METRICS_SIZE_MAX),
 // INTERRUPTED.
-std::string fetch_metrics(const metrics_url_t &url, deadline_t deadline, int interrupt_fd);
+std::string fetch_metrics(const endpoint_t &endpoint, const std::string &path, deadline_t deadline,
+                          int interrupt_fd);
 
-} // namespace kestrune
+} // namespace kestrune::manager

@@ -1,8 +1,8 @@
-#include "manager/probes/series.h"
+#include "probes/series.h"
 
 #include <algorithm>
 
-namespace kestrune {
+namespace kestrune::manager {
 
 namespace {
 
@@ -22,7 +22,7 @@ private:
 
 } // namespace
 
-series_t::slot_t *series_t::slot_of(int64_t now_s)
+series_ring_t::slot_t *series_ring_t::slot_of(int64_t now_s)
 {
     const auto step = static_cast<uint32_t>(now_s / SERIES_STEP_S);
     slot_t &slot = slots_[step % SERIES_STEPS];
@@ -37,7 +37,7 @@ series_t::slot_t *series_t::slot_of(int64_t now_s)
     return &slot;
 }
 
-void series_t::add_reach(int64_t now_s, uint32_t avg_s, uint32_t min_s, uint32_t max_s)
+void series_ring_t::add_reach(int64_t now_s, uint32_t avg_s, uint32_t min_s, uint32_t max_s)
 {
     slot_t *slot = slot_of(now_s);
     const bool first = slot->reach_min_s > slot->reach_max_s;
@@ -48,7 +48,7 @@ void series_t::add_reach(int64_t now_s, uint32_t avg_s, uint32_t min_s, uint32_t
     slot->reach_max_s = std::max({first ? 0 : slot->reach_max_s, max_s, slot->reach_min_s});
 }
 
-void series_t::add_rates(int64_t now_s, double packets, double drops, double elapsed_s)
+void series_ring_t::add_rates(int64_t now_s, double packets, double drops, double elapsed_s)
 {
     slot_t *slot = slot_of(now_s);
     packets_ += packets;
@@ -58,7 +58,7 @@ void series_t::add_rates(int64_t now_s, double packets, double drops, double ela
     slot->drops_per_s = static_cast<float>(drops_ / elapsed_s_);
 }
 
-series_point_t series_t::read(int64_t begin_s, int64_t end_s) const
+series_point_t series_ring_t::read(int64_t begin_s, int64_t end_s) const
 {
     mean_t reach_avg;
     mean_t packets;
@@ -88,4 +88,4 @@ series_point_t series_t::read(int64_t begin_s, int64_t end_s) const
     return point;
 }
 
-} // namespace kestrune
+} // namespace kestrune::manager

@@ -12,7 +12,7 @@
 #include <optional>
 #include <vector>
 
-namespace kestrune {
+namespace kestrune::manager {
 
 constexpr uint32_t SERIES_STEP_S = 10;
 constexpr uint32_t SERIES_STEPS = 24 * 3600 / SERIES_STEP_S;
@@ -26,9 +26,9 @@ struct series_point_t {
     std::optional<double> drops_per_s;
 };
 
-class series_t {
+class series_ring_t {
 public:
-    series_t() : slots_(SERIES_STEPS) {}
+    series_ring_t() : slots_(SERIES_STEPS) {}
 
     // now_s: seconds since the epoch. Several readings of a step: the least min, the greatest max, the mean avg.
     void add_reach(int64_t now_s, uint32_t avg_s, uint32_t min_s, uint32_t max_s);
@@ -60,4 +60,4 @@ private:
     uint32_t step_ = 0;
 };
 
-} // namespace kestrune
+} // namespace kestrune::manager
