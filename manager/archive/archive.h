@@ -73,7 +73,8 @@ public:
     virtual void configure(const archive_settings_t &settings,
                            const std::vector<probe_settings_t> &probes) = 0;
 
-    // Steps 1 to 8. `stop` is asked at each packet or so; true ends it with INTERRUPTED.
+    // Steps 1 to 8. `stop` is asked at each packet or so; true ends it with INTERRUPTED. It may call raw_files and
+    // measure, so that a long sealing does not hold up what watches the disk.
     virtual sealed_t seal(const capture_t &capture, const std::function<bool()> &stop) = 0;
     // Step 10; files that changed or are to be kept stay. True when none of the manifest's is left but kept ones.
     virtual bool remove_raw(const ulid_t &id) = 0;
@@ -83,6 +84,8 @@ public:
     virtual std::vector<std::string> sources(const ulid_t &id, const std::string &probe) = 0;
     // Tombstone (`cause`, `at`), then the files go. BUSY while one is being read. Again after a crash: the same.
     virtual void bury(const ulid_t &id, const std::string &cause, uint64_t at) = 0;
+    // Any thread. A reading may begin right afterwards; bury then says BUSY.
+    virtual bool is_read(const ulid_t &id) const = 0;
     // All raw files of a probe. UNREADABLE when its directory cannot be read.
     virtual std::vector<raw_file_t> raw_files(const std::string &probe) = 0;
     // Room on all file systems involved. `sealed_bytes` from the catalogue, `raw_bytes` as last listed.

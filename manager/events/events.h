@@ -72,7 +72,7 @@ public:
     uint64_t epoch() const { return epoch_; }
 
     void publish(event_body_t body);
-    // What came after this event, at most `most` of it.
+    // What came after this event, at most `most` of it. A number above `last` is none of this epoch.
     missed_events_t after(uint64_t number, size_t most) const;
     uint64_t last() const;
 
@@ -86,12 +86,15 @@ public:
     void on_news(std::function<void()> wake) { wake_ = std::move(wake); }
 
 private:
+    void append_locked(event_body_t body) KS_REQUIRES(lock_);
+    void wake() const;
+
     const uint64_t epoch_;
     std::function<void()> wake_;
     mutable lock_t lock_;
     uint64_t last_ KS_GUARDED_BY(lock_) = 0;
-    std::deque<std::shared_ptr<const event_t>> log_ KS_GUARDED_BY(lock_);
-    std::map<std::string, alarm_t> alarms_ KS_GUARDED_BY(lock_);
+    std::deque<std::shared_ptr<const event_t>> log_ KS_GUARDED_BY(lock_); // the newest EVENTS_KEPT, in order
+    std::map<std::string, alarm_t> alarms_ KS_GUARDED_BY(lock_); // those that are not over, by key
 };
 
 } // namespace kestrune::manager

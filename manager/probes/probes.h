@@ -1,8 +1,10 @@
 // Sessions with the probes: two threads a probe, reconnecting. Requests go in as batches; everything that comes
 // back is told to one sink, in the order in which it was seen on each connection.
 //
-// Threads: any for the face. The sink is called on a probe's threads, without a lock held, and must not block.
-// Probes are named as in the configuration; a name that is not known is answered as NOT_SENT.
+// Threads: any for the face. The sink is called on a probe's threads, without a lock held, and must not block. For a
+// probe that is not reachable, and for a name that is not known, submit and change answer at once (NOT_SENT, or the
+// sentence), on the caller's thread.
+// Probes are named as in the configuration.
 #pragma once
 
 #include "client/messages.h"
@@ -101,7 +103,8 @@ public:
 
     // Every ask of the batch gets exactly one answer.
     virtual void submit(const std::string &probe, batch_t batch) = 0;
-    // `done` is called on another thread, with an empty text when the probe did it, else with a sentence.
+    // `done` is called with an empty text when the probe did it (views show it then), else with a sentence; on another
+    // thread, or at once (above). It must not block.
     virtual void change(const std::string &probe, const probe_change_t &change,
                         std::function<void(std::string)> done) = 0;
 
