@@ -45,9 +45,10 @@ std::optional<int> parse_options(int argc, char **argv, options_t *options)
     std::string config;
     std::string state = default_state().string();
     app.add_option("-c,--config", config, "configuration in TOML; see manager.toml(5)")->type_name("FILE");
-    app.add_option("--state", state, "catalogue, tokens, and the archive unless it is configured")
-        ->type_name("DIR")
-        ->capture_default_str();
+    app.add_option(
+           "--state", state,
+           "catalogue, tokens, and the archive unless it is configured (default: $XDG_STATE_HOME/kestrune)")
+        ->type_name("DIR");
     app.add_flag("--check", options->check, "read the configuration, say what is wrong with it, and end");
     app.add_flag("--url", options->url, "print the interface's URL on standard output once it is reached");
     app.set_version_flag("--version", "kestrune-manager " KESTRUNE_VERSION);
