@@ -316,6 +316,11 @@ std::string json_of(const std::vector<audit_t> &audit, uint64_t next)
     return text_of_json({{"audit", rows}, {"next", next == 0 ? json_t(nullptr) : json_t(next)}});
 }
 
+std::string ticket_json(const std::string &url, uint64_t expires_at)
+{
+    return text_of_json({{"url", url}, {"expires_at", time_form(expires_at)}});
+}
+
 std::string problem_json(unsigned status, std::string_view title, std::string_view detail,
                          std::string_view field)
 {

@@ -61,6 +61,7 @@ std::string json_of(const alarm_t &alarm);
 std::string json_of(const capture_event_t &event);
 std::string json_of(const archive_view_t &view);
 std::string json_of(const std::vector<audit_t> &audit, uint64_t next);
+std::string ticket_json(const std::string &url, uint64_t expires_at);
 // title: the status in words. field: empty, where no field is wrong.
 std::string problem_json(unsigned status, std::string_view title, std::string_view detail,
                          std::string_view field);

@@ -179,7 +179,7 @@ void connection_t::read_header()
 {
     parser_.emplace();
     parser_->header_limit(HEADER_MAX);
-    parser_->body_limit(boost::none); // the gate has the word first
+    parser_->body_limit(UINT64_MAX); // the gate has the word first
     enter(state_t::HEADER, HEADER_TIME);
     beast::http::async_read_header(
         socket_, buffer_, *parser_,
@@ -302,7 +302,7 @@ void connection_t::work()
         return;
     }
     if ((route_->flags & ROUTE_QUICK) != 0) {
-        answer(shared_->handlers.quick(request_, *route_));
+        answer(shared_->handlers.quick(*route_));
         return;
     }
     enter(state_t::WORK, WORK_TIME);

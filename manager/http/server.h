@@ -39,6 +39,10 @@ public:
     virtual void stop() = 0;                // waits for the threads
 };
 
+// What is wrong with the token file, if there is one; throws http_error_t.
+void check_http(const settings_t &settings);
+
+// Make it before other threads publish events; start it once the captures run.
 std::unique_ptr<http_server_t> make_http_server(const settings_t &settings,
                                                 const http_neighbours_t &neighbours);
 
