@@ -41,7 +41,8 @@ int rank(ask_kind_t kind)
 } // namespace
 
 life_t::life_t(const settings_t &settings, const neighbours_t &neighbours)
-    : settings_(settings), neighbours_(neighbours), ids_(neighbours.catalogue->newest_id()), parts_(&book_, &tracks_)
+    : settings_(settings), neighbours_(neighbours), ids_(neighbours.catalogue->newest_id()),
+      parts_(&book_, &tracks_)
 {
 }
 
@@ -166,7 +167,8 @@ bool life_t::check(const capture_request_t &request, std::vector<std::string> *p
     for (size_t i = 0; i < request.probes.size(); ++i) {
         const auto track = tracks_.find(request.probes[i]);
         if (track == tracks_.end() || !track->second.configured) {
-            refuse(done, result_t::BAD_VALUE, "there is no probe of this name", "probes[" + std::to_string(i) + "]");
+            refuse(done, result_t::BAD_VALUE, "there is no probe of this name",
+                   "probes[" + std::to_string(i) + "]");
             return false;
         }
     }
@@ -178,7 +180,8 @@ bool life_t::check(const capture_request_t &request, std::vector<std::string> *p
     }
     if (request.addrs.empty() || request.addrs.size() > settings_.limits.max_addresses) {
         refuse(done, result_t::BAD_VALUE,
-               "between 1 and " + std::to_string(settings_.limits.max_addresses) + " addresses may be named", "addresses");
+               "between 1 and " + std::to_string(settings_.limits.max_addresses) + " addresses may be named",
+               "addresses");
         return false;
     }
     const limits_t &most = settings_.limits.most;
@@ -192,7 +195,8 @@ bool life_t::check(const capture_request_t &request, std::vector<std::string> *p
     return true;
 }
 
-void life_t::record(const capture_request_t &request, const caller_t &caller, const request_key_t &key, done_t done)
+void life_t::record(const capture_request_t &request, const caller_t &caller, const request_key_t &key,
+                    done_t done)
 {
     std::vector<std::string> probes;
     if (answer_from_key(caller, key, done) || !check(request, &probes, done)) {
@@ -205,7 +209,8 @@ void life_t::record(const capture_request_t &request, const caller_t &caller, co
         created = created || !covers.back().probes.empty();
         if (covers.back().conflict) {
             refuse(done, result_t::OTHER_DIRECTION,
-                   "capture " + covers.back().conflict->text() + " of this address runs with another direction",
+                   "capture " + covers.back().conflict->text() +
+                       " of this address runs with another direction",
                    "addresses[" + std::to_string(i) + "]");
             return;
         }
@@ -264,8 +269,10 @@ entry_t &life_t::create(const ip_addr_t &addr, const capture_request_t &request,
     entry_t &entry = book_.add(std::move(capture));
     book_.mark(entry);
     notes_.durable = true;
-    note_audit(caller, is_lookup ? "lookup" : "record", entry.name, text_of_addr(addr) + " on " + joined(probes));
-    notes_.log.push_back("capture " + entry.name + " of " + text_of_addr(addr) + " requested by " + caller.who);
+    note_audit(caller, is_lookup ? "lookup" : "record", entry.name,
+               text_of_addr(addr) + " on " + joined(probes));
+    notes_.log.push_back("capture " + entry.name + " of " + text_of_addr(addr) + " requested by " +
+                         caller.who);
     for (size_t i = 0; i < entry.runs.size(); ++i) {
         if (is_lookup && live_runs(&book_, addr, probes[i])) {
             parts_.fail(&entry, i, "address in use"); // by a live capture of ours
@@ -353,9 +360,9 @@ void life_t::erase(const ulid_t &id, const caller_t &caller, done_t done)
     const capture_t &capture = entry->capture;
     const char *refusal = capture.state == capture_state_t::DELETED ? "the capture is deleted"
                           : capture.hold                            ? "the capture is on hold"
-                          : !may_go(capture)                        ? "the capture runs, or waits for its sealing"
-                          : neighbours_.archive->is_read(id)        ? "the capture's file is being read"
-                                                                    : nullptr;
+                          : !may_go(capture)                 ? "the capture runs, or waits for its sealing"
+                          : neighbours_.archive->is_read(id) ? "the capture's file is being read"
+                                                             : nullptr;
     if (refusal != nullptr) {
         refuse(done, result_t::WRONG_STATE, refusal);
         return;
@@ -374,7 +381,8 @@ void life_t::erase_entry(entry_t *entry, const std::string &cause)
     notes_.log.push_back("capture " + entry->name + " deleted: " + cause);
 }
 
-void life_t::lookup(const ip_addr_t &addr, const std::vector<std::string> &probes, const caller_t &caller, done_t done)
+void life_t::lookup(const ip_addr_t &addr, const std::vector<std::string> &probes, const caller_t &caller,
+                    done_t done)
 {
     capture_request_t request;
     request.addrs = {addr};
@@ -499,7 +507,8 @@ void life_t::answer_waiters(effects_t *effects)
     const auto waits_for = [this](const ulid_t &id) {
         const entry_t *entry = book_.find(id);
         for (size_t i = 0; entry != nullptr && i < entry->runs.size(); ++i) {
-            if (entry->capture.parts[i].state == part_state_t::REQUESTED && entry->runs[i].phase != phase_t::WAITING) {
+            if (entry->capture.parts[i].state == part_state_t::REQUESTED &&
+                entry->runs[i].phase != phase_t::WAITING) {
                 return true;
             }
         }
@@ -525,12 +534,16 @@ std::vector<capture_t> life_t::captures_of(const std::vector<ulid_t> &ids)
     }
     std::vector<capture_t> found;
     if (!elsewhere.empty()) {
-        found = neighbours_.catalogue->find_all(elsewhere);
+        try {
+            found = neighbours_.catalogue->find_all(elsewhere);
+        } catch (const catalogue_error_t &) { // what was asked for is done; the answer lacks them
+        }
     }
     std::vector<capture_t> captures;
     for (const ulid_t &id : ids) {
         const entry_t *entry = book_.find(id);
-        const auto same = std::find_if(found.begin(), found.end(), [&](const capture_t &c) { return c.id == id; });
+        const auto same =
+            std::find_if(found.begin(), found.end(), [&](const capture_t &c) { return c.id == id; });
         if (entry != nullptr) {
             captures.push_back(entry->capture);
         } else if (same != found.end()) {
@@ -562,22 +575,12 @@ void life_t::settle_asks(effects_t *effects)
     notes_.asks.clear();
 }
 
-effects_t life_t::undo(result_t result, const std::string &text)
+void life_t::undo()
 {
-    effects_t effects;
-    for (pending_t &pending : pending_) {
-        const bool went_well = pending.reply.result == result_t::OK || pending.reply.result == result_t::CREATED;
-        reply_t reply = went_well ? reply_t{result, text, {}, {}} : std::move(pending.reply);
-        effects.answers.emplace_back(std::move(pending.done), std::move(reply));
-    }
-    for (waiter_t &waiter : new_waiters_) {
-        effects.answers.emplace_back(std::move(waiter.done), reply_t{result, text, {}, {}});
-    }
     pending_.clear();
     new_waiters_.clear();
     used_tags_.clear();
     book_.undo();
-    return effects;
 }
 
 effects_t life_t::give_up()

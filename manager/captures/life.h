@@ -2,8 +2,8 @@
 // what follows from it, out. A turn:
 //
 //   begin; any number of commands, observe, kept, tick; commit what changes() says; then settle(), which gives
-//   what is to be done, or undo(), which answers the turn's commands with a failure. Observations of an undone
-//   turn are given again in a later one.
+//   what is to be done, or undo(). Then the caller answers the turn's commands, and gives the observations again
+//   in a later turn.
 //
 // Threads: the captures thread only. Reads of the catalogue (captures that are over) block on the disk.
 #pragma once
@@ -41,11 +41,13 @@ public:
 
     void begin(const now_t &now);
     void rebuild(std::vector<capture_t> unfinished); // in the first turn
-    void record(const capture_request_t &request, const caller_t &caller, const request_key_t &key, done_t done);
+    void record(const capture_request_t &request, const caller_t &caller, const request_key_t &key,
+                done_t done);
     void stop(const ulid_t &id, const caller_t &caller, done_t done);
     void hold(const ulid_t &id, bool on, const std::string &why, const caller_t &caller, done_t done);
     void erase(const ulid_t &id, const caller_t &caller, done_t done);
-    void lookup(const ip_addr_t &addr, const std::vector<std::string> &probes, const caller_t &caller, done_t done);
+    void lookup(const ip_addr_t &addr, const std::vector<std::string> &probes, const caller_t &caller,
+                done_t done);
     void keep_lookup(const ulid_t &id, const caller_t &caller, done_t done);
     void drop_lookup(const ulid_t &id, const caller_t &caller, done_t done);
     void audit(audit_t row);
@@ -56,7 +58,7 @@ public:
     changes_t changes() const; // valid until settle or undo
     durability_t durability() const { return notes_.durable ? durability_t::DURABLE : durability_t::ORDERLY; }
     effects_t settle();
-    effects_t undo(result_t result, const std::string &text);
+    void undo(); // answers nobody
 
     bool is_idle() const { return book_.size() == 0; }
     effects_t give_up(); // the manager stops: answers everyone who waits
@@ -86,7 +88,8 @@ private:
     entry_t *take(const ulid_t &id); // from memory, else from the catalogue for this turn
     void refuse(const done_t &done, result_t result, const std::string &text, const std::string &field = {});
     void answer(const done_t &done, result_t result, std::vector<ulid_t> ids);
-    void note_audit(const caller_t &caller, const char *action, const std::string &object, const std::string &detail);
+    void note_audit(const caller_t &caller, const char *action, const std::string &object,
+                    const std::string &detail);
     probe_view_t view_of(const std::string &probe);
 
     // Observations.

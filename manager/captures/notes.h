@@ -52,16 +52,17 @@ struct look_result_t {
 };
 struct sweep_result_t {
     std::string probe;
-    std::string error;           // its directory cannot be read
+    std::string error;            // its directory cannot be read
     std::vector<ulid_t> unsealed; // captures with raw files there, of which the catalogue has no sealed file
-    uint64_t strays = 0;         // files that belong to nobody
-    std::string example;         // name of one
+    uint64_t strays = 0;          // files that belong to nobody
+    std::string example;          // name of one
 };
 struct room_result_t {
     archive_view_t view;
     std::vector<victim_t> victims;
 };
-using keeper_result_t = std::variant<seal_result_t, bury_result_t, look_result_t, sweep_result_t, room_result_t>;
+using keeper_result_t =
+    std::variant<seal_result_t, bury_result_t, look_result_t, sweep_result_t, room_result_t>;
 
 // Whose answer a tag brings.
 struct asker_t {

@@ -67,10 +67,11 @@ void life_t::see(const session_ended_t &seen)
     track_t &track = tracks_[seen.probe];
     if (seen.updates) {
         track.updates = 0;
-        for_parts(seen.probe, [this](entry_t *entry, size_t part) { // rule ids may mean other rules from now on
-            book_.touch(*entry);
-            entry->runs[part].rule.reset();
-        });
+        for_parts(seen.probe,
+                  [this](entry_t *entry, size_t part) { // rule ids may mean other rules from now on
+                      book_.touch(*entry);
+                      entry->runs[part].rule.reset();
+                  });
         return;
     }
     if (!seen.refused) {
@@ -133,9 +134,12 @@ void life_t::see(const listed_t &seen)
         parts_.listed(entry, part, seen.session, shown.contains(entry->capture.addr));
     });
     track_t &track = tracks_[seen.probe];
-    std::erase_if(track.asked, [&](const ip_addr_t &addr) { return !shown.contains(addr) || is_explained(seen.probe, addr); });
+    std::erase_if(track.asked, [&](const ip_addr_t &addr) {
+        return !shown.contains(addr) || is_explained(seen.probe, addr);
+    });
     for (const ip_addr_t &addr : shown) {
-        if (!is_explained(seen.probe, addr) && track.to_ask.size() < TO_ASK_MAX && track.asked.insert(addr).second) {
+        if (!is_explained(seen.probe, addr) && track.to_ask.size() < TO_ASK_MAX &&
+            track.asked.insert(addr).second) {
             track.to_ask.push_back(addr);
         }
     }
@@ -157,7 +161,8 @@ void life_t::see_orphan(const std::string &probe, const asker_t &asker, const an
     ask.kind = ask_kind_t::REMOVE;
     ask.addr = asker.addr;
     notes_.asks[probe].push_back({std::move(ask), {std::nullopt, probe, asker.addr, false}});
-    notes_.log.push_back("probe " + probe + ": the rule of capture " + id->text() + " is removed, the capture is over");
+    notes_.log.push_back("probe " + probe + ": the rule of capture " + id->text() +
+                         " is removed, the capture is over");
 }
 
 void life_t::see(const updated_t &seen)
@@ -286,7 +291,8 @@ void life_t::see(const sweep_result_t &seen)
     for (const ulid_t &id : seen.unsealed) {
         entry_t *entry = take(id);
         for (size_t i = 0; entry != nullptr && i < entry->runs.size(); ++i) {
-            if (entry->capture.parts[i].probe == seen.probe && entry->capture.state != capture_state_t::SEALED &&
+            if (entry->capture.parts[i].probe == seen.probe &&
+                entry->capture.state != capture_state_t::SEALED &&
                 entry->capture.state != capture_state_t::DELETED) {
                 parts_.revive(entry, i);
             }
@@ -312,7 +318,8 @@ void life_t::see(const room_result_t &seen)
     }
     for (const auto &[id, entry] : book_.entries()) {
         if (room_.room == room_t::END_RUNNING && entry->capture.stop_at == 0 && entry->capture.limits &&
-            (entry->capture.state == capture_state_t::RECORDING || entry->capture.state == capture_state_t::REQUESTED)) {
+            (entry->capture.state == capture_state_t::RECORDING ||
+             entry->capture.state == capture_state_t::REQUESTED)) {
             note_audit({}, "stop", entry->name, "the disk is full");
             stop_entry(entry.get(), "ended because the disk was full");
         }

@@ -10,8 +10,8 @@ namespace kestrune::manager {
 
 namespace {
 
-constexpr uint32_t SEARCH_AT_MOST_S = 600; // of a history-only part, when nobody answers
-constexpr size_t ELSEWHERE_MAX = 256;      // names kept of a probe that is not local
+constexpr uint32_t SEARCH_AT_MOST_S = 600;     // of a history-only part, when nobody answers
+constexpr size_t ELSEWHERE_MAX = 256;          // names kept of a probe that is not local
 constexpr uint64_t RENEWED_NS = 2'000'000'000; // an INCIDENT this soon after an ADD is that ADD's
 
 bool stood(const part_t &part)
@@ -94,7 +94,9 @@ void part_life_t::ask_part(entry_t *entry, size_t part, ask_kind_t kind)
     book_->touch(*entry);
     const capture_t &capture = entry->capture;
     run_t &run = entry->runs[part];
-    (kind == ask_kind_t::ADD ? run.add_out : kind == ask_kind_t::REMOVE ? run.remove_out : run.detail_out) = true;
+    (kind == ask_kind_t::ADD      ? run.add_out
+     : kind == ask_kind_t::REMOVE ? run.remove_out
+                                  : run.detail_out) = true;
     ask_t ask;
     ask.kind = kind;
     ask.addr = capture.addr;
@@ -107,7 +109,8 @@ void part_life_t::ask_part(entry_t *entry, size_t part, ask_kind_t kind)
 
 void part_life_t::renew(entry_t *entry, size_t part)
 {
-    if (entry->runs[part].phase != phase_t::STANDS || entry->capture.parts[part].state != part_state_t::RECORDING) {
+    if (entry->runs[part].phase != phase_t::STANDS ||
+        entry->capture.parts[part].state != part_state_t::RECORDING) {
         return;
     }
     book_->mark(*entry);
@@ -195,7 +198,8 @@ void part_life_t::add_answered(entry_t *entry, size_t part, uint64_t session, ou
         book_->mark(*entry);
         values.sent = false;
         fail(entry, part, "the probe is down");
-    } else if (outcome == outcome_t::LOST || (outcome == outcome_t::DONE && track_of(*entry, part).session != session)) {
+    } else if (outcome == outcome_t::LOST ||
+               (outcome == outcome_t::DONE && track_of(*entry, part).session != session)) {
         run.lost = true;
         find(entry, part);
     } else if (outcome == outcome_t::REFUSED) {
@@ -301,14 +305,15 @@ void part_life_t::record(entry_t *entry, size_t part, const detail_t &detail)
     run.phase = phase_t::STANDS;
     const uint8_t percent = live_percent(detail.fields);
     const uint64_t packets = uint64_t{run.said_live_before} + detail.fields.packets;
-    if (values.state != part_state_t::RECORDING || values.live != live_t::RUNNING || values.percent != percent ||
-        values.live_packets != packets) {
+    if (values.state != part_state_t::RECORDING || values.live != live_t::RUNNING ||
+        values.percent != percent || values.live_packets != packets) {
         book_->mark(*entry);
         values.state = part_state_t::RECORDING;
         values.live = live_t::RUNNING;
         values.percent = percent;
         values.live_packets = packets;
-        values.started_at = stood(values) ? values.started_at : now_.wall - detail.fields.elapsed_s * NS_PER_S;
+        values.started_at =
+            stood(values) ? values.started_at : now_.wall - detail.fields.elapsed_s * NS_PER_S;
         follow(entry);
     }
     if (entry->capture.stop_at != 0 && !values.removed && !run.remove_out) {
@@ -395,7 +400,8 @@ void part_life_t::listed_standing(entry_t *entry, size_t part, bool shown)
         }
         return;
     }
-    if (run.detail_refused && !run.detail_out && entry->capture.parts[part].state == part_state_t::RECORDING) {
+    if (run.detail_refused && !run.detail_out &&
+        entry->capture.parts[part].state == part_state_t::RECORDING) {
         search(entry, part, live_t::OVER);
     }
 }
@@ -470,7 +476,7 @@ void part_life_t::judge(entry_t *entry, size_t part)
         run.phase = phase_t::STANDS; // it did; its VISUAL may still come
         run.gone_since = now_.mono;
     } else if (run.detail_refused) {
-        const live_t live = !entry->capture.limits ? live_t::NONE
+        const live_t live = !entry->capture.limits           ? live_t::NONE
                             : values.live == live_t::REFUSED ? live_t::REFUSED
                             : stood(values)                  ? live_t::OVER
                                                              : live_t::UNKNOWN;
@@ -659,7 +665,8 @@ ended_by_t part_life_t::cause(const entry_t &entry, size_t part, bool gone) cons
     if (values.removed) {
         return ended_by_t::REMOVED;
     }
-    if (std::max<uint64_t>(values.live_packets, values.said_live.value_or(0)) >= entry.capture.limits->packets) {
+    if (std::max<uint64_t>(values.live_packets, values.said_live.value_or(0)) >=
+        entry.capture.limits->packets) {
         return ended_by_t::PACKETS;
     }
     // As long as its session lasted, it ended when that was seen; else some time after it was seen last.
@@ -683,7 +690,9 @@ void part_life_t::fail(entry_t *entry, size_t part, const std::string &error)
     values.state = part_state_t::FAILED;
     values.ended_at = now_.wall;
     values.ended_by = error == "unknown" ? ended_by_t::UNKNOWN : ended_by_t::ERROR;
-    values.error = error == "unknown" ? "unknown: the probe's answer was lost, and no rule or file of it was found" : error;
+    values.error = error == "unknown"
+                       ? "unknown: the probe's answer was lost, and no rule or file of it was found"
+                       : error;
     entry->runs[part].phase = phase_t::OVER;
     follow(entry);
 }

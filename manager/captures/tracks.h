@@ -24,10 +24,10 @@ struct track_t {
     uint64_t refused_since = 0; // monotonic; nobody has listened since; 0: somebody may
     std::string text;           // why it is down
 
-    size_t polls_out = 0;      // DETAILs of the last turn that are not answered
-    uint64_t polled_at = 0;    // monotonic
-    ulid_t polled;             // the last one in turn
-    bool look_wanted = false;  // for files of its parts
+    size_t polls_out = 0;     // DETAILs of the last turn that are not answered
+    uint64_t polled_at = 0;   // monotonic
+    ulid_t polled;            // the last one in turn
+    bool look_wanted = false; // for files of its parts
     bool look_out = false;
     std::unordered_set<ip_addr_t, addr_hash_t> asked; // unexplained rules whose name was asked for
     std::vector<ip_addr_t> to_ask;
