@@ -100,7 +100,7 @@ TEST_F(ManagerConfig, ErrorsHaveFileLineAndKey)
          "m.toml:6: the probes a and b have the same files"},
         {"[[probe]]\nname = \"a/b\"\naddress = \"::1\"\n", "m.toml:2: probe.name"},
         {"[[probe]]\nname = \"..\"\naddress = \"::1\"\n", "m.toml:2: probe.name"},
-        {"[[probe]]\nname = \"a\"\naddress = \"::1:x\"\n", "m.toml:3: probe.address"},
+        {"[[probe]]\nname = \"a\"\naddress = \"127.0.0.1:x\"\n", "m.toml:3: probe.address"},
     };
     for (const auto &[text, error] : cases) {
         const std::string found = error_of(text);
