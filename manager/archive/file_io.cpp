@@ -128,8 +128,8 @@ void output_t::flush()
     written_ += fill_;
     fill_ = 0;
     if (written_ - flushing_ >= FLUSH_STEP) { // the disk works while we do; the result does not matter here
-        sync_file_range(fd_.get(), static_cast<off64_t>(flushing_), static_cast<off64_t>(written_ - flushing_),
-                        SYNC_FILE_RANGE_WRITE);
+        sync_file_range(fd_.get(), static_cast<off64_t>(flushing_),
+                        static_cast<off64_t>(written_ - flushing_), SYNC_FILE_RANGE_WRITE);
         flushing_ = written_;
     }
 }

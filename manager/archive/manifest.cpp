@@ -58,8 +58,12 @@ json_t said_found_json(const said_found_t &counts)
 
 json_t source_json(const manifest_source_t &source)
 {
-    return {{"name", source.name},       {"origin", source.origin}, {"bytes", source.bytes},
-            {"packets", source.packets}, {"torn", source.torn},     {"kept", source.kept},
+    return {{"name", source.name},
+            {"origin", source.origin},
+            {"bytes", source.bytes},
+            {"packets", source.packets},
+            {"torn", source.torn},
+            {"kept", source.kept},
             {"modified_at", time_json(source.mtime_ns)}};
 }
 

@@ -65,8 +65,8 @@ private:
 std::unique_ptr<sorted_input_t> merger_t::open(const source_t &source, size_t window) const
 {
     if (source.input != nullptr) {
-        return std::make_unique<sorted_input_t>(source.input->open(), source.input->name, source.input->origin,
-                                                window);
+        return std::make_unique<sorted_input_t>(source.input->open(), source.input->name,
+                                                source.input->origin, window);
     }
     fd_t copy(fcntl(source.run.get(), F_DUPFD_CLOEXEC, 0));
     if (copy.get() < 0) {
@@ -197,7 +197,10 @@ bool merger_t::is_in_order(const source_t &source, size_t window)
 // higher levels, so the order of equal times holds, and few descriptors are open however long the file is.
 class runs_t {
 public:
-    runs_t(const merge_settings_t &settings, size_t memory) : settings_(settings) { settings_.memory = memory; }
+    runs_t(const merge_settings_t &settings, size_t memory) : settings_(settings)
+    {
+        settings_.memory = memory;
+    }
     void add(fd_t run, size_t level = 0)
     {
         levels_.resize(std::max(levels_.size(), level + 1));

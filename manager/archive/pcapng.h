@@ -30,8 +30,8 @@ enum option_t : uint16_t {
 
 constexpr uint32_t BYTE_ORDER_MARK = 0x1A2B3C4D;
 constexpr uint16_t LINK_ETHERNET = 1;
-constexpr uint8_t NANOSECONDS = 9;            // if_tsresol: ten to the minus nine
-constexpr size_t PACKET_OVERHEAD = 32;        // bytes of a packet block beside the packet and its padding
+constexpr uint8_t NANOSECONDS = 9;                // if_tsresol: ten to the minus nine
+constexpr size_t PACKET_OVERHEAD = 32;            // bytes of a packet block beside the packet and its padding
 constexpr uint32_t BLOCK_MAX = uint32_t{1} << 18; // more than any block here
 constexpr uint32_t INTERFACES_MAX = 65536;
 

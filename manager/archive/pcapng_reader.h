@@ -16,7 +16,8 @@ struct pcapng_content_t {
     std::vector<uint64_t> packets;       // by interface
     uint64_t first_ns = 0;
     uint64_t last_ns = 0;
-    std::string wrong; // a sentence: what is no sealed file about it; the hash is of the whole file all the same
+    std::string
+        wrong; // a sentence: what is no sealed file about it; the hash is of the whole file all the same
 };
 
 // From the descriptor's position on. `what` names it. Throws std::system_error, and stopped_t when `stop` says so

@@ -23,7 +23,8 @@ static_assert(CAPTURED_MAX == PCAP_SNAPLEN);
 
 constexpr size_t RUN_HEADER_SIZE = sizeof(raw_header_t) + sizeof(uint32_t);
 constexpr uint32_t RAW_MAGIC = 0xa1b23c4d;
-constexpr size_t HEADROOM = RUN_HEADER_SIZE + CAPTURED_MAX; // a record less one byte lies before a chunk at most
+constexpr size_t HEADROOM =
+    RUN_HEADER_SIZE + CAPTURED_MAX; // a record less one byte lies before a chunk at most
 constexpr size_t CHUNK_MIN = size_t{64} << 10;
 constexpr size_t CHUNK_MAX = size_t{512} << 10;
 constexpr unsigned CHUNK_BITS = 16;

@@ -90,8 +90,8 @@ private:
     const size_t header_size_; // of a record
     size_t chunk_size_;
     std::vector<chunk_t> chunks_;
-    std::vector<uint16_t> free_;        // chunks without records
-    const uint8_t *carry_ = nullptr;    // begin of the record that goes on in the next chunk
+    std::vector<uint16_t> free_;     // chunks without records
+    const uint8_t *carry_ = nullptr; // begin of the record that goes on in the next chunk
     size_t carry_size_ = 0;
     uint64_t read_ = 0; // bytes of the file
     bool at_end_ = false;

@@ -36,8 +36,8 @@ std::string wrong_with_file(const path_t &directory, const manifest_file_t &file
                std::to_string(file.bytes) + " that were sealed";
     }
     if (content.sha256 != file.sha256) {
-        return file.name + " was changed: its SHA-256 is " + content.sha256 + ", that of the sealed file is " +
-               file.sha256;
+        return file.name + " was changed: its SHA-256 is " + content.sha256 +
+               ", that of the sealed file is " + file.sha256;
     }
     return file.packets ? wrong_with_content(content, manifest, *file.packets) : std::string();
 }
