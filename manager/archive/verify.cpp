@@ -58,13 +58,13 @@ verdict_t verify_manifest(const path_t &path)
     try {
         const std::string text = read_whole(path, MANIFEST_SIZE_MAX);
         const manifest_t manifest = parse_manifest(text);
+        const std::string wrong = wrong_with_files(path.parent_path(), manifest);
+        if (!wrong.empty()) {
+            return {path, false, wrong};
+        }
         uint64_t packets = 0;
         uint64_t bytes = 0;
         for (const manifest_file_t &file : manifest.files) {
-            const std::string wrong = wrong_with_file(path.parent_path(), file, manifest);
-            if (!wrong.empty()) {
-                return {path, false, wrong};
-            }
             packets += file.packets.value_or(0);
             bytes += file.bytes;
         }
@@ -107,6 +107,17 @@ std::string wrong_with_content(const pcapng_content_t &content, const manifest_t
         sum += content.packets[i];
     }
     return same && sum == packets ? "" : "the file's packets by interface are not those of the manifest";
+}
+
+std::string wrong_with_files(const path_t &directory, const manifest_t &manifest)
+{
+    for (const manifest_file_t &file : manifest.files) {
+        std::string wrong = wrong_with_file(directory, file, manifest);
+        if (!wrong.empty()) {
+            return wrong;
+        }
+    }
+    return {};
 }
 
 std::vector<verdict_t> verify_path(const path_t &path)

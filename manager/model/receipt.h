@@ -63,7 +63,7 @@ struct manifest_source_t {
     uint64_t packets = 0;
     bool torn = false;
     bool kept = false;     // damaged in the middle and therefore not deleted
-    uint64_t mtime_ns = 0; // not written: for the comparison before deletion
+    uint64_t mtime_ns = 0; // for the comparison before deletion
 };
 
 struct said_found_t {
@@ -105,7 +105,8 @@ struct archive_view_t {
     uint64_t bytes = 0;     // sealed
     uint64_t raw_bytes = 0; // of captures that run or wait for sealing
     std::optional<uint64_t> quota_bytes;
-    uint64_t free_bytes = 0; // least of all file systems involved
+    uint64_t free_bytes = 0;         // least of all file systems involved
+    uint64_t archive_free_bytes = 0; // of the archive's own, where deleting makes room; less raw_bytes
     uint64_t min_free_bytes = 0;
     uint64_t captures = 0; // sealed ones
     uint64_t oldest = 0;   // requested_at; 0: none
