@@ -14,13 +14,13 @@
 
 namespace kestrune::manager {
 
-constexpr uint64_t ADDRESS_WAIT_NS = 20'000'000'000;     // for another rule of the address to go
-constexpr uint64_t FIND_WAIT_NS = 20'000'000'000;        // for a lost request to show itself
-constexpr uint64_t VISUAL_WAIT_NS = 2'000'000'000;       // from the LIST that lacks a rule
-constexpr uint64_t REFUSED_GONE_NS = 10'000'000'000;     // nobody listens: the probe's process ended
-constexpr uint64_t SILENT_GONE_NS = 60'000'000'000;      // no answer, counted from the time limit
-constexpr uint32_t MONITOR_PASS_S = 7;                   // the plugin's check, and our polling
-constexpr uint64_t LOOKUP_KEPT_NS = 600'000'000'000'000; // after its end
+constexpr uint64_t ADDRESS_WAIT_NS = 20'000'000'000; // for another rule of the address to go
+constexpr uint64_t FIND_WAIT_NS = 20'000'000'000;    // for a lost request to show itself
+constexpr uint64_t VISUAL_WAIT_NS = 2'000'000'000;   // from the LIST that lacks a rule
+constexpr uint64_t REFUSED_GONE_NS = 10'000'000'000; // nobody listens: the probe's process ended
+constexpr uint64_t SILENT_GONE_NS = 60'000'000'000;  // no answer, counted from the time limit
+constexpr uint32_t MONITOR_PASS_S = 7;               // the plugin's check, and our polling
+constexpr uint64_t LOOKUP_KEPT_NS = 600'000'000'000; // after its end
 
 class part_life_t {
 public:

@@ -19,7 +19,7 @@ constexpr milliseconds_t CONNECT_TIME{3000};
 constexpr milliseconds_t ANSWER_TIME{10000};
 constexpr milliseconds_t BACKOFF_MIN{200};
 constexpr milliseconds_t BACKOFF_MAX{10000};
-constexpr milliseconds_t STEADY_TIME{5000}; // a session that stood so long begins the back-off anew
+constexpr milliseconds_t STEADY_TIME{1000}; // a session that stood so long begins the back-off anew
 
 // An event descriptor that wakes whoever polls it. It stays readable until it is taken.
 class signal_t {

@@ -22,7 +22,7 @@ link_t::link_t(const probe_settings_t &settings, uint32_t min_reach_s, const pro
         });
     };
     start("probe-req", [this] { requests_.run(); });
-    start("probe-upd", [this] { run_updates(context_); });
+    start("probe-upd", [this] { run_updates(context_, [this] { requests_.poll_now(); }); });
     if (settings.metrics) {
         start("probe-met", [this] { run_metrics(context_); });
     }

@@ -91,10 +91,13 @@ void requests_t::run()
         if (!ended.at_once) {
             set_accepting(false);
         }
-        milliseconds_t time = backoff.after(ended.stood);
-        time = ended.at_once ? milliseconds_t{0} : time;
-        time = ended.state == probe_state_t::INCOMPATIBLE ? INCOMPATIBLE_PAUSE : time;
-        stopped = context_.pause(time);
+        milliseconds_t pause{0};
+        if (ended.at_once) {
+            backoff = {};
+        } else {
+            pause = backoff.after(ended.stood);
+        }
+        stopped = context_.pause(ended.state == probe_state_t::INCOMPATIBLE ? INCOMPATIBLE_PAUSE : pause);
     }
     set_accepting(false);
 }
@@ -308,6 +311,13 @@ std::string requests_t::apply_history(session_t *session, const history_change_t
     return "";
 }
 
+void requests_t::poll_now()
+{
+    const hold_lock_t held(lock_);
+    poll_now_ = true;
+    news_.notify_one();
+}
+
 void requests_t::submit(batch_t batch)
 {
     {
@@ -346,7 +356,8 @@ requests_t::turn_t requests_t::next_turn(steady_t::time_point next_poll, std::op
             work_.pop_front();
             return turn_t::WORK;
         }
-        if (now >= next_poll) {
+        if (now >= next_poll || poll_now_) {
+            poll_now_ = false;
             return turn_t::POLL;
         }
         (void)news_.wait_until(lock_, next_poll);

@@ -23,6 +23,7 @@ public:
     explicit requests_t(const context_t &context) : context_(context) {} // borrowed
     void run();
     void wake_to_stop(); // after the context's stop was given
+    void poll_now();     // the probe's other connection has ended: has this one?
     void submit(batch_t batch);
     void change(const probe_change_t &change, std::function<void(std::string)> done);
 
@@ -63,6 +64,7 @@ private:
     condition_t news_;
     std::deque<work_t> work_ KS_GUARDED_BY(lock_);
     bool accepting_ KS_GUARDED_BY(lock_) = true;
+    bool poll_now_ KS_GUARDED_BY(lock_) = false;
     bool stopping_ KS_GUARDED_BY(lock_) = false;
 };
 

@@ -3,6 +3,7 @@
 #include "common/clock.h"
 #include "probes/metrics.h"
 
+#include <optional>
 #include <utility>
 
 namespace kestrune::manager {
@@ -37,8 +38,8 @@ void register_anew(session_t *session)
     }
 }
 
-// Holds a session until it ends; how long it stood.
-milliseconds_t hold_session(const context_t &context)
+// Holds a session until it ends; how long it stood, nothing when there was none.
+std::optional<milliseconds_t> hold_session(const context_t &context)
 {
     uint64_t number = 0;
     steady_t::time_point began;
@@ -58,17 +59,23 @@ milliseconds_t hold_session(const context_t &context)
         context.sink(session_ended_t{context.settings.name, number, true,
                                      error.failure() == failure_t::NO_LISTENER, wall_now_ns(), text});
     }
-    return number != 0 ? std::chrono::duration_cast<milliseconds_t>(steady_t::now() - began)
-                       : milliseconds_t{0};
+    if (number == 0) {
+        return std::nullopt;
+    }
+    return std::chrono::duration_cast<milliseconds_t>(steady_t::now() - began);
 }
 
 } // namespace
 
-void run_updates(const context_t &context)
+void run_updates(const context_t &context, const std::function<void()> &ended)
 {
     backoff_t backoff;
     for (bool stopped = context.stopped(); !stopped;) {
-        stopped = context.pause(backoff.after(hold_session(context)), &context.came_back);
+        const std::optional<milliseconds_t> stood = hold_session(context);
+        if (stood) {
+            ended();
+        }
+        stopped = context.pause(backoff.after(stood.value_or(milliseconds_t{0})), &context.came_back);
     }
 }
 

@@ -297,7 +297,7 @@ void world_t::ask_something()
     if (chance(15)) {
         capture_request_t request;
         request.addrs = {addr};
-        request.limits = {1000, static_cast<uint32_t>(2 + pick(20))};
+        request.limits = {1000, static_cast<uint32_t>(chance(20) ? 80'000 : 2 + pick(20))};
         request.history_only = chance(20);
         request.limits = request.history_only ? limits_t{} : request.limits;
         request.renew = chance(20);
@@ -545,6 +545,12 @@ void world_t::calm_down()
     for (model_probe_t &probe : model_) {
         probe.runs = probe.reachable = true;
     }
+    life_->begin(now_);
+    for (const auto &[id, row] : catalogue_.rows) {
+        life_->stop(id, {"tester", ""}, [](const reply_t &) {});
+    }
+    catalogue_.commit(life_->changes(), life_->durability());
+    carry_out(life_->settle());
     for (int i = 0; i < 3; ++i) {
         run(400, false);
         for (size_t p = 0; p + 1 < PROBES; ++p) {
