@@ -8,9 +8,11 @@ namespace kestrune {
 
 enum class failure_t {
     CONNECT,      // no connection could be made
+    NO_LISTENER,  // the machine answered that nothing listens there
     TIMEOUT,      // an answer or a send did not finish in time
     CLOSED,       // the probe ended the connection
     MALFORMED,    // the probe sent what the protocol does not allow
+    VERSION,      // the probe, or whatever listens there, speaks another version
     REFUSED,      // the probe answered FAIL
     UNRECOGNIZED, // the probe does not know the request
     INTERRUPTED,  // the interrupt descriptor became readable

@@ -10,9 +10,9 @@ namespace kestrune {
 
 namespace {
 
-[[noreturn]] void malformed(const std::string &what)
+[[noreturn]] void malformed(const std::string &what, failure_t failure = failure_t::MALFORMED)
 {
-    throw client_error_t(failure_t::MALFORMED, "what came is not the control protocol 0.9: " + what);
+    throw client_error_t(failure, "what came is not the control protocol 0.9: " + what);
 }
 
 void check_direction(uint8_t direction)
@@ -34,7 +34,8 @@ void decode_server_header(msg_reader_t *in, msg_header_t *header)
     msg_decode(in, header);
     if (!msg_version_supported(*header)) {
         malformed("version " + std::to_string(header->version_major) + "." +
-                  std::to_string(header->version_minor));
+                      std::to_string(header->version_minor),
+                  failure_t::VERSION);
     }
     if (header->target != 0) {
         malformed("a target of " + std::to_string(header->target) + " in an answer");

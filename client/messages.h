@@ -41,8 +41,8 @@ using message_t = std::variant<status_t, rule_list_t, detail_t, msg_hb_info_t, u
 constexpr uint32_t LIST_COUNT_MAX = 1U << 20;
 
 // Decodes the message at the front of the bytes and says how many of them it took; nothing when it is not
-// complete yet. Throws client_error_t (MALFORMED) for bytes that no probe of this version sends: another
-// version, an unknown code or update type, a target other than 0, a direction above BOTH, a percentage above
+// complete yet. Throws client_error_t: VERSION for the header of another version, MALFORMED for other bytes that
+// no probe of this version sends: an unknown code or update type, a target other than 0, a direction above BOTH, a percentage above
 // 100, a list of more than LIST_COUNT_MAX rules.
 std::optional<message_t> decode_message(std::span<const uint8_t> bytes, size_t *used);
 

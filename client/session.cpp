@@ -88,6 +88,11 @@ void session_t::updates_on()
     ask({msg_action::INFO, msg_target::ON, {}});
 }
 
+void session_t::updates_off()
+{
+    ask({msg_action::INFO, msg_target::OFF, {}});
+}
+
 void session_t::set_heavy_size(uint32_t packets)
 {
     ask({msg_action::REQ_HS, msg_target::HEAVY_SIZE, bytes_of(packets)});
@@ -105,20 +110,18 @@ void session_t::remove_many(std::span<const ip_addr_t> addrs, uint8_t direction,
     exchange_status(addrs.size(), make, taken);
 }
 
-std::vector<std::optional<detail_t>> session_t::detail_many(std::span<const ip_addr_t> addrs)
+void session_t::detail_many(std::span<const ip_addr_t> addrs, std::vector<std::optional<detail_t>> *details)
 {
-    std::vector<std::optional<detail_t>> details(addrs.size());
     exchange(
         addrs.size(),
         [&](size_t i) {
             return request_t{msg_action::DETAIL, BOTH, bytes_of(addrs[i])};
         },
         [&](size_t i, message_t reply) {
-            if (!is_status(reply, msg_code::FAIL)) {
-                details[i] = expect_detail(std::move(reply), addrs[i]);
-            }
+            details->push_back(is_status(reply, msg_code::FAIL)
+                                   ? std::nullopt
+                                   : std::optional(expect_detail(std::move(reply), addrs[i])));
         });
-    return details;
 }
 
 std::optional<update_t> session_t::next_update(deadline_t deadline)

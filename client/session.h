@@ -49,11 +49,11 @@ struct add_request_t {
 
 class session_t {
 public:
-    // Connects; throws client_error_t (CONNECT, INTERRUPTED).
+    // Connects; throws client_error_t (CONNECT, NO_LISTENER, INTERRUPTED).
     session_t(const endpoint_t &endpoint, const session_options_t &options);
 
     // Requests. All throw client_error_t: REFUSED for a FAIL, UNRECOGNIZED, TIMEOUT,
-    // CLOSED, MALFORMED, INTERRUPTED.
+    // CLOSED, MALFORMED, VERSION, INTERRUPTED.
     void add(const add_request_t &request);
     void remove(const ip_addr_t &addr, uint8_t direction);
     rule_list_t list(uint8_t filter); // msg_target::SRC, DST, BOTH (exactly these) or ALL; newest first
@@ -62,18 +62,19 @@ public:
     void history_off();
     msg_hb_info_t history_info();
     void updates_on();
+    void updates_off();
     void set_heavy_size(uint32_t packets);
 
     // The same for many addresses, without waiting for a reply before the next request. They throw as above,
-    // except REFUSED. `taken` is empty at first and says for each answered request whether the plugin carried
-    // it out; after an error it is shorter than the requests.
+    // except REFUSED. `taken` and `details` are empty at first and get an item for each answered request;
+    // after an error they are shorter than the requests. `taken`: whether the plugin carried it out.
     void add_many(std::span<const add_request_t> requests, std::vector<bool> *taken);
     void remove_many(std::span<const ip_addr_t> addrs, uint8_t direction, std::vector<bool> *taken);
     // Nothing for an address without a running live capture.
-    std::vector<std::optional<detail_t>> detail_many(std::span<const ip_addr_t> addrs);
+    void detail_many(std::span<const ip_addr_t> addrs, std::vector<std::optional<detail_t>> *details);
 
     // The oldest update not taken yet; waits for one until the deadline. Nothing when none came. Throws
-    // client_error_t: CLOSED, MALFORMED, INTERRUPTED.
+    // client_error_t: CLOSED, MALFORMED, VERSION, INTERRUPTED.
     std::optional<update_t> next_update(deadline_t deadline);
 
 private:

@@ -149,8 +149,8 @@ void set_options(int fd)
     set(IPPROTO_TCP, TCP_KEEPCNT, 3);
 }
 
-// Connects to one address; the descriptor, or -1 with the reason.
-int connect_one(const addrinfo &address, deadline_t deadline, int interrupt_fd, std::string *why)
+// Connects to one address; the descriptor, or -1 with the errno.
+int connect_one(const addrinfo &address, deadline_t deadline, int interrupt_fd, int *why)
 {
     descriptor_t fd(
         socket(address.ai_family, address.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, address.ai_protocol));
@@ -168,7 +168,7 @@ int connect_one(const addrinfo &address, deadline_t deadline, int interrupt_fd, 
         }
     }
     if (error != 0) {
-        *why = errno_text(error);
+        *why = error;
         return -1;
     }
     return fd.release();
@@ -183,14 +183,16 @@ socket_t::socket_t(const endpoint_t &endpoint, deadline_t deadline, int interrup
     for (const addrinfo *address = found->addresses.first; address != nullptr; address = address->ai_next) {
         left++;
     }
-    std::string why = "no address";
+    bool refused = left > 0; // by each
+    int why = EADDRNOTAVAIL;
     for (const addrinfo *address = found->addresses.first; address != nullptr && fd_ < 0;
          address = address->ai_next, left--) {
         const auto now = steady_t::now();
         fd_ = connect_one(*address, now + (deadline - now) / left, interrupt_fd, &why);
+        refused = refused && why == ECONNREFUSED;
     }
     if (fd_ < 0) {
-        fail(failure_t::CONNECT, why);
+        fail(refused ? failure_t::NO_LISTENER : failure_t::CONNECT, errno_text(why));
     }
 }
 

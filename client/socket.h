@@ -17,7 +17,7 @@ constexpr int NO_INTERRUPT = -1;
 class socket_t {
 public:
     // Resolves the host and tries all its addresses in turn, each with its share of the
-    // time left. Throws client_error_t: CONNECT with the reason, INTERRUPTED. The
+    // time left. Throws client_error_t: CONNECT with the reason, NO_LISTENER when each refused, INTERRUPTED. The
     // interrupt descriptor is borrowed and only polled.
     socket_t(const endpoint_t &endpoint, deadline_t deadline, int interrupt_fd);
     ~socket_t();

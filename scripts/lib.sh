@@ -6,7 +6,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 
 # To build everything.
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config python3 libgtest-dev libbenchmark-dev libpcap-dev libcli11-dev
-    nlohmann-json3-dev libtsl-hopscotch-map-dev libcpp-httplib-dev)
+    nlohmann-json3-dev libtsl-hopscotch-map-dev libcpp-httplib-dev libboost-dev libsqlite3-dev libtomlplusplus-dev libssl-dev)
 # To look into capture files, for scripts/demo.
 CAPTURE_PACKAGES=(tcpdump tshark wireshark-common)
 # The other compiler, the linters, and what the tests use.

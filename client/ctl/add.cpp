@@ -182,7 +182,9 @@ private:
         for (const rule_t *rule : rules) {
             addrs.push_back(rule->added.request.addr);
         }
-        return session_.detail_many(addrs);
+        std::vector<std::optional<detail_t>> details;
+        session_.detail_many(addrs, &details);
+        return details;
     }
 
     session_t &session_;

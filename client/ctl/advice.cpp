@@ -10,6 +10,7 @@ int status_of(failure_t failure)
 {
     switch (failure) {
     case failure_t::CONNECT:
+    case failure_t::NO_LISTENER:
         return EXIT_NO_CONNECTION;
     case failure_t::REFUSED:
     case failure_t::UNRECOGNIZED:
@@ -26,6 +27,7 @@ std::string advice(const client_error_t &error, const options_t &options, const 
     std::string what = error.what();
     switch (error.failure()) {
     case failure_t::CONNECT:
+    case failure_t::NO_LISTENER:
         return "cannot connect to " + probe + ": " + what +
                ". Is the probe running there with the plugin loaded, and is this the plugin's port? Name "
                "another "
@@ -37,6 +39,7 @@ std::string advice(const client_error_t &error, const options_t &options, const 
         return what +
                ". It serves 128 connections at a time, and may just have been stopped; its log says why";
     case failure_t::MALFORMED:
+    case failure_t::VERSION:
         return what + ". Does another service or another version listen there?";
     case failure_t::REFUSED:
         return error.action() != -1

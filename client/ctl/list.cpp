@@ -21,7 +21,8 @@ answer_t list_rules(session_t *session, const options_t &options, const endpoint
         addrs.push_back(rule.addr);
     }
     if (!options.brief) {
-        std::vector<std::optional<detail_t>> details = session->detail_many(addrs);
+        std::vector<std::optional<detail_t>> details;
+        session->detail_many(addrs, &details);
         for (size_t i = 0; i < details.size(); i++) {
             listed.rules[i].detail = std::move(details[i]);
         }

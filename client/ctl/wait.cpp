@@ -262,7 +262,8 @@ private:
         for (rule_t *rule : shown) {
             addrs.push_back(rule->added().request.addr);
         }
-        const std::vector<std::optional<detail_t>> details = polls_->detail_many(addrs);
+        std::vector<std::optional<detail_t>> details;
+        polls_->detail_many(addrs, &details);
         for (size_t i = 0; i < shown.size(); i++) {
             if (details[i]) {
                 const msg_ip_detail_t &fields = details[i]->fields;

@@ -61,6 +61,8 @@ class FakeProbe:
         self.requests = []  # (action, target) of every request, in order
         self.refuse = set()  # actions answered with FAIL
         self.silent = set()  # actions that get no answer
+        self.spoilt = {}  # action, or "update" -> "cut" (half a message, then nothing), "die" (half, then the end), or other bytes
+        self.held = dict(zip(HISTORY_NAMES, (1, 0, 0, 0, 0, 0, 20, 2**20, 2**20)))
         self.full = False  # new rules get no live capture
         self.connections = []
         self.server = Server(self._serve)
@@ -96,7 +98,13 @@ class FakeProbe:
 
     def _update(self, message):
         for client in self.clients:
-            client.sendall(message)
+            self._send(client, "update", message)
+
+    def _send(self, connection, what, message):
+        trouble = self.spoilt.get(what)
+        connection.sendall(trouble if isinstance(trouble, bytes) else message[:len(message) // 2] if trouble else message)
+        if trouble == "die":
+            connection.shutdown(socket.SHUT_RDWR)
 
     def add(self, text, name="other", limit=10, seconds=10):
         with self.lock:
@@ -124,7 +132,7 @@ class FakeProbe:
                 reply = self._handle(connection, stream, action, target)
                 if action not in self.silent:
                     with self.lock:
-                        connection.sendall(reply)
+                        self._send(connection, action, reply)
         except OSError:
             pass
         with self.lock:
@@ -140,6 +148,8 @@ class FakeProbe:
             payload += stream.read(payload[-1])
         elif action in (REMOVE, DETAIL):
             payload = stream.read(16)
+        elif (action, target) in ((HISTORY, ON), (REQ_HS, HEAVY_SIZE)):
+            payload = stream.read(4)
         with self.lock:
             self.requests.append((action, target))
             reply = header(FAIL)
@@ -168,6 +178,8 @@ class FakeProbe:
         if action == INFO:
             self.clients.append(connection)
             return header(SUCCESS)
+        if (action, target) == (HISTORY, STATE):
+            return header(HB_INFO) + HISTORY_FIELDS.pack(*(self.held[name] for name in HISTORY_NAMES))
         return header(UNRECOGNIZED)
 
     def _add(self, key, direction, limit, seconds, name):
