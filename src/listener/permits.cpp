@@ -90,18 +90,27 @@ void hand_on(ls_permits_t *permits) KS_REQUIRES(permits->lock)
     }
     take_out(permits, next);
     grant(permits, next, next->turn_ns);
-    sem_post(&next->granted);
+    pthread_cond_signal(&next->granted);
 }
 
-// Both can be cancelled and leave cancellation disabled.
-void wait_for_grant(ls_permit_t *permit)
+void unlock(void *permits) KS_NO_ANALYSIS // runs when the thread ends in wait_for_grant
 {
+    mutex_unlock(&static_cast<ls_permits_t *>(permits)->lock);
+}
+
+// Can be cancelled, with the lock released, and leaves cancellation disabled.
+void wait_for_grant(ls_permits_t *permits, ls_permit_t *permit) KS_REQUIRES(permits->lock)
+{
+    pthread_cleanup_push(unlock, permits);
     thread_cancel_enable();
-    while (sem_wait(&permit->granted) != 0) { // a signal came
+    while (permit->state == ls_permit_state_t::WAITING) {
+        pthread_cond_wait(&permit->granted, &permits->lock.native);
     }
     thread_cancel_disable();
+    pthread_cleanup_pop(0);
 }
 
+// Can be cancelled, and leaves cancellation disabled.
 void wait_until_paid(ls_permits_t *permits) KS_EXCLUDES(permits->lock)
 {
     mutex_lock(&permits->lock);
@@ -129,13 +138,13 @@ void ls_permits_init(ls_permits_t *permits) KS_NO_ANALYSIS // not shared yet
 void ls_permit_open(ls_permit_t *permit)
 {
     *permit = {};
-    sem_init(&permit->granted, 0, 0);
+    permit->granted = PTHREAD_COND_INITIALIZER;
 }
 
 void ls_permit_close(ls_permits_t *permits, ls_permit_t *permit)
 {
     ls_permit_leave(permits, permit);
-    sem_destroy(&permit->granted); // nobody posts it without the room's lock
+    pthread_cond_destroy(&permit->granted);
 }
 
 void ls_permit_enter(ls_permits_t *permits, ls_permit_t *permit)
@@ -144,18 +153,15 @@ void ls_permit_enter(ls_permits_t *permits, ls_permit_t *permit)
     charge(permits, permit);
     permit->used_ns = std::max(permits->turn_ns, permit->used_ns);
     permit->turn_ns = permit->used_ns - (permit->leads ? LS_LEAD_NS : 0);
-    const bool waits = permits->free == 0;
-    if (waits) {
+    if (permits->free == 0) {
         permit->state = ls_permit_state_t::WAITING;
         append(permits, permit);
+        wait_for_grant(permits, permit);
     } else {
         permits->free--;
         grant(permits, permit, permit->used_ns); // nobody is overtaken, so no lead is used up
     }
     mutex_unlock(&permits->lock);
-    if (waits) {
-        wait_for_grant(permit);
-    }
     wait_until_paid(permits);
 }
 

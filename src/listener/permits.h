@@ -29,7 +29,7 @@
 #include "common/lock.h"
 
 #include <cstdint>
-#include <semaphore.h>
+#include <pthread.h>
 
 constexpr uint32_t LS_PERMITS = 2;
 constexpr int64_t LS_LEAD_NS = 20'000'000;           // processor time
@@ -40,15 +40,15 @@ constexpr int64_t LS_LOOK_NS = 50'000'000;           // between two looks at the
 
 enum class ls_permit_state_t : uint8_t { IDLE, WAITING, HOLDING };
 
-// A connection's part. Guarded by the room's lock, but for `granted` and the handler's own fields.
+// A connection's part. Guarded by the room's lock, but for the handler's own fields.
 struct ls_permit_t {
     ls_permit_state_t state;
-    bool leads;        // the handler's: its request was waited for
-    int64_t used_ns;   // on the room's scale: the turn of its latest request and what was used since
-    int64_t turn_ns;   // of the request that waits
-    ls_permit_t *next; // the waiter that came after this one
-    sem_t granted;     // posted when a waiter has become the holder
-    int64_t cpu_ns;    // the handler's: its thread's time that is counted so far
+    bool leads;             // the handler's: its request was waited for
+    int64_t used_ns;        // on the room's scale: the turn of its latest request and what was used since
+    int64_t turn_ns;        // of the request that waits
+    ls_permit_t *next;      // the waiter that came after this one
+    pthread_cond_t granted; // with the room's lock: a waiter has become the holder
+    int64_t cpu_ns;         // the handler's: its thread's time that is counted so far
 };
 
 struct ls_permits_t {
