@@ -70,6 +70,7 @@ TEST(HistorySearch, EveryRuleGetsExactlyTheRecordsOfItsMoment)
 {
     const int rounds = std::getenv("KESTRUNE_LONG") != nullptr ? 400 : 40;
     std::mt19937 random(3);
+    const auto before = resources();
     uint64_t number = 0;
     for (const uint64_t size : {51UL, 60UL, 130UL, 700UL, 5000UL, 66000UL, 200000UL}) {
         ring_t ring(size, 2);
@@ -111,6 +112,7 @@ TEST(HistorySearch, EveryRuleGetsExactlyTheRecordsOfItsMoment)
             }
         }
     }
+    EXPECT_TRUE(resources_fall_to(before));
 }
 
 // A disable that comes when a run has swapped the tables and not taken its read lock yet, while a packet

@@ -187,7 +187,7 @@ TEST_F(Plugin, MessagesGoToTheHostOrToStandardOutputByLevel)
     }
 }
 
-TEST_F(Plugin, PacketsWithoutDataOrOfAnotherVersionAreIgnored)
+TEST_F(Plugin, PacketsWithoutDataOfAnotherVersionOrOfHeavyFlowsAreIgnored)
 {
     ASSERT_TRUE(starts(1, {{"buffer_size", "1"}}));
     const ip_addr_t watched = numbered_address(1), other = numbered_address(2);
@@ -201,6 +201,10 @@ TEST_F(Plugin, PacketsWithoutDataOrOfAnotherVersionAreIgnored)
     }
     EXPECT_EQ(read_pcap(files.path("live")).size(), 2U); // of both sides, by the one IPv4 record
     EXPECT_EQ(plugin->history[0]->packets, 1U);          // what is live stays out
+    for (const uint32_t packets : {hc_heavy_size - 1, hc_heavy_size}) {
+        take({4, other, other, "packet", 0, packets});
+    }
+    EXPECT_EQ(plugin->history[0]->packets, 2U); // and so does what is heavy
 }
 
 // The live capture does not know the packet's source, and before the packet is in the ring a rule of another
