@@ -40,26 +40,27 @@ class Interface(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(cls.folder.cleanup)
         cls.files = os.path.join(cls.folder.name, "files")
         os.mkdir(cls.files)
         cls.probe = FakeProbe()
         cls.probe.__enter__()
+        cls.addClassCleanup(cls.probe.__exit__)
         cls.manager = Manager(cls.folder.name, [{"name": "fake", "address": cls.probe.name, "files": cls.files}],
                               http={"listen": "127.0.0.1:0", "names": ["kestrune.example"]})
         cls.tokens = {role: role[0] * 20 for role in ROLES}
         os.mkdir(cls.manager.state)
         with open(os.path.join(cls.manager.state, "tokens"), "w", opener=lambda *at: os.open(*at, 0o600), encoding="ascii") as file:
             file.writelines("%s %s %s\n" % (role, role, cls.tokens[role]) for role in reversed(ROLES))
+        cls.addClassCleanup(cls.manager.kill)
         cls.manager.start()
         cls.sealed = cls.seal("10.0.0.1", WEB)
 
     @classmethod
     def tearDownClass(cls):
         status = cls.manager.stop()
-        cls.probe.__exit__()
-        cls.folder.cleanup()
         if status != 0:
-            raise AssertionError("the manager ended with %d: " % status)
+            raise AssertionError("the manager ended with %d: %s" % (status, cls.manager.text()[-2000:]))
 
     @classmethod
     def seal(cls, address, pcap):
