@@ -15,6 +15,7 @@ INCIDENT, CAPTURE, VISUAL = 2, 3, 4
 # What follows a header; names follow ADD_FIELDS and DETAIL_FIELDS, lists of files VISUAL_FIELDS.
 ADD_FIELDS, ITEM, DETAIL_FIELDS = map(struct.Struct, ("<16sIIB", "<16sB", "<16sBBIIIIB"))
 UPDATE_FIELDS = {INCIDENT: struct.Struct("<I16s"), CAPTURE: struct.Struct("<IB"), VISUAL: struct.Struct("<IIIHH")}
+HISTORY_NAMES = ("queues", "packets", "span", "span_min", "span_max", "rules", "heavy_size", "size", "free")
 
 
 def key_of(text):
