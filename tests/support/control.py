@@ -9,11 +9,11 @@ import threading
 
 SUCCESS, FAIL, UNRECOGNIZED, IP_LIST, IP_DETAIL, HB_INFO, UPDATE = range(7)
 ADD, REMOVE, LIST, DETAIL, HISTORY, INFO, QUIT, REQ_HS = range(8)
-BOTH, ALL = 2, 3
+BOTH, ALL, ON, OFF, STATE, HEAVY_SIZE = 2, 3, 4, 5, 6, 8
 INCIDENT, CAPTURE, VISUAL = 2, 3, 4
 
 # What follows a header; names follow ADD_FIELDS and DETAIL_FIELDS, lists of files VISUAL_FIELDS.
-ADD_FIELDS, ITEM, DETAIL_FIELDS = map(struct.Struct, ("<16sIIB", "<16sB", "<16sBBIIIIB"))
+ADD_FIELDS, ITEM, DETAIL_FIELDS, HISTORY_FIELDS = map(struct.Struct, ("<16sIIB", "<16sB", "<16sBBIIIIB", "<7I2Q"))
 UPDATE_FIELDS = {INCIDENT: struct.Struct("<I16s"), CAPTURE: struct.Struct("<IB"), VISUAL: struct.Struct("<IIIHH")}
 HISTORY_NAMES = ("queues", "packets", "span", "span_min", "span_max", "rules", "heavy_size", "size", "free")
 
