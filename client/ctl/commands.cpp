@@ -4,6 +4,7 @@
 #include "client/ctl/advice.h"
 #include "client/ctl/interrupt.h"
 #include "client/ctl/list.h"
+#include "manager/archive/verify.h"
 
 namespace kestrune {
 
@@ -77,6 +78,20 @@ answer_t merge(const options_t &options)
         merge_files({options.inputs, options.output, options.force, options.cut, interrupted});
     return {"", command_name(options.command), EXIT_DONE, "",
             merged_t{options.output, options.inputs, result}};
+}
+
+std::vector<answer_t> verify(const options_t &options)
+{
+    std::vector<answer_t> answers;
+    for (const std::string &path : options.inputs) {
+        for (const manager::verdict_t &verdict : manager::verify_path(path)) {
+            const int status = verdict.good ? EXIT_DONE : EXIT_FAILED;
+            const std::string error = verdict.good ? "" : verdict.path.string() + ": " + verdict.text;
+            answers.push_back({"", command_name(options.command), status, error,
+                               verified_t{verdict.path.string(), verdict.good, verdict.text}});
+        }
+    }
+    return answers;
 }
 
 } // namespace kestrune

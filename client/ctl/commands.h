@@ -12,5 +12,7 @@ namespace kestrune {
 // Throws client_error_t.
 std::vector<answer_t> ask(session_t *session, const options_t &options, const endpoint_t &endpoint);
 answer_t merge(const options_t &options);
+// An answer for each capture below the paths.
+std::vector<answer_t> verify(const options_t &options);
 
 } // namespace kestrune

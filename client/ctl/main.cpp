@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
@@ -91,16 +92,23 @@ int run_on_probes(const options_t &options, console_t *console, printer_t *print
     return *std::max_element(statuses.begin(), statuses.end());
 }
 
+// Commands on files of this machine.
 int run_here(const options_t &options, printer_t *printer)
 {
-    answer_t answer;
+    std::vector<answer_t> answers;
     try {
-        answer = merge(options);
+        answers = options.command == command_t::VERIFY ? verify(options) : std::vector{merge(options)};
     } catch (const client_error_t &error) {
-        answer = failed_answer(error, options, nullptr);
+        answers = {failed_answer(error, options, nullptr)};
+    } catch (const std::filesystem::filesystem_error &error) {
+        answers = {failed_answer(client_error_t(failure_t::LOCAL, error.what()), options, nullptr)};
     }
-    printer->print(answer);
-    return answer.status;
+    int status = EXIT_DONE;
+    for (const answer_t &answer : answers) {
+        status = std::max(status, answer.status);
+    }
+    printer->print(answers);
+    return status;
 }
 
 // Runs before signals are caught, so that a signal ends a program that waits for its standard input.
@@ -111,6 +119,11 @@ void add_from_files(options_t *options)
     }
 }
 
+bool is_local(command_t command)
+{
+    return command == command_t::MERGE || command == command_t::VERIFY;
+}
+
 int run(const options_t &options)
 {
     catch_interrupts();
@@ -118,8 +131,8 @@ int run(const options_t &options)
     const bool bars = !options.json && (options.command == command_t::WATCH || options.wait);
     console_t console(options.colour, bars, options.command == command_t::WATCH ? stdout : stderr);
     printer_t printer(options, &console);
-    const int status = options.command == command_t::MERGE ? run_here(options, &printer)
-                                                           : run_on_probes(options, &console, &printer);
+    const int status =
+        is_local(options.command) ? run_here(options, &printer) : run_on_probes(options, &console, &printer);
     return console.output_good() ? status : EXIT_FAILED;
 }
 

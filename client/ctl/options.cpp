@@ -28,7 +28,8 @@ Examples:
   grep sshd /var/log/auth.log | kestrunectl add --from - -c 1000
   kestrunectl -s probe1 -s [2001:db8::7]:4000 list
   kestrunectl watch --json | jq .
-  kestrunectl merge web_7 web_7_hc_0 web_7_hc_1 -o web_7.pcap)";
+  kestrunectl merge web_7 web_7_hc_0 web_7_hc_1 -o web_7.pcap
+  kestrunectl verify /var/lib/kestrune/archive)";
 
 // No limit: as many as CLI11 can count.
 constexpr int MANY = CLI::detail::expected_max_vector_size;
@@ -277,6 +278,13 @@ private:
         sub->add_option("-o,--output", options_.output, "the merged file")->required()->type_name("OUT");
         sub->add_flag("--force", options_.force, "replace OUT when it exists");
         sub->add_flag("--cut", options_.cut, "accept files that end in a cut record (from a full disk)");
+
+        sub = command(app_, command_t::VERIFY, "verify",
+                      "check captures that kestrune-manager sealed: manifests, lengths, hashes");
+        sub->add_option("PATH", options_.inputs,
+                        "captures' folders, manifests or sealed files, or an archive")
+            ->required()
+            ->type_name("");
     }
 
     void finish_add()
@@ -336,8 +344,9 @@ std::string usage_text(const CLI::App &app, const CLI::ParseError &error)
 
 const char *command_name(command_t command)
 {
-    static constexpr const char *NAMES[] = {"add",         "remove",         "list",  "show",  "history on",
-                                            "history off", "history status", "heavy", "watch", "merge"};
+    static constexpr const char *NAMES[] = {"add",        "remove",      "list",           "show",
+                                            "history on", "history off", "history status", "heavy",
+                                            "watch",      "merge",       "verify"};
     return NAMES[static_cast<size_t>(command)];
 }
 

@@ -25,7 +25,8 @@ enum class command_t {
     HISTORY_STATUS,
     HEAVY,
     WATCH,
-    MERGE
+    MERGE,
+    VERIFY
 };
 
 struct options_t {
@@ -54,7 +55,7 @@ struct options_t {
     uint32_t size_mb = 0; // HISTORY_ON; 0: the plugin's default
     uint32_t heavy = 0;   // HEAVY
 
-    std::vector<std::string> inputs; // MERGE
+    std::vector<std::string> inputs; // MERGE, VERIFY
     std::string output;
     bool force = false;
     bool cut = false;

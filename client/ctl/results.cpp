@@ -353,6 +353,16 @@ std::string to_text(const merged_t &merged)
     return text;
 }
 
+json_t to_json(const verified_t &verified)
+{
+    return {{"path", verified.path}, {"good", verified.good}, {"found", verified.text}};
+}
+
+std::string to_text(const verified_t &verified)
+{
+    return printable(verified.path) + ": " + printable(verified.text);
+}
+
 uint32_t rule_id(const update_t &update)
 {
     return std::visit([](const auto &of) { return of.rule_id; }, update);

@@ -76,9 +76,15 @@ struct merged_t {
     merge_result_t result;
 };
 
+struct verified_t {
+    std::string path;
+    bool good = false;
+    std::string text; // what was found
+};
+
 // monostate: an error without details.
 using result_t = std::variant<std::monostate, added_t, add_summary_t, removed_t, listed_t, shown_t,
-                              history_on_t, history_off_t, history_state_t, heavy_t, merged_t>;
+                              history_on_t, history_off_t, history_state_t, heavy_t, merged_t, verified_t>;
 
 std::string to_text(const result_t &result);
 

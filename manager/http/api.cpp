@@ -119,6 +119,24 @@ ulid_t id_of(const http_request_t &request)
     return *id;
 }
 
+// Routes that have no parameters refuse them all.
+void check_query(const http_request_t &request, const route_t &route)
+{
+    switch (route.action) {
+    case action_t::GET_SERIES:
+    case action_t::LIST_CAPTURES:
+    case action_t::LIST_AUDIT:
+        return; // they look themselves
+    default:
+        break;
+    }
+    query_t query(query_of(request.target));
+    if ((route.flags & ROUTE_TICKET) != 0) {
+        (void)query.take("ticket"); // the gate has seen it
+    }
+    query.finish();
+}
+
 http_answer_t no_content()
 {
     http_answer_t answer;
@@ -202,6 +220,7 @@ void api_t::work(const http_request_t &request, const route_t &route, const answ
 {
     const auto task = std::make_shared<const task_t>(task_t{request, &route, answer, this});
     try {
+        check_query(request, route);
         dispatch(task);
     } catch (refusal_t &refusal) {
         answer(std::move(refusal.answer));

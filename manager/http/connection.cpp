@@ -15,6 +15,7 @@ namespace beast = boost::beast;
 
 constexpr size_t BUFFER_MAX = 2 * HEADER_MAX; // a header and what came behind it
 constexpr std::chrono::seconds WORK_TIME{60};
+constexpr std::string_view CONTINUE = "HTTP/1.1 100 Continue\r\n\r\n";
 
 struct known_field_t {
     beast::http::field name;
@@ -239,10 +240,10 @@ void connection_t::read_body()
     enter(state_t::BODY, BODY_TIME);
     parser_->body_limit(BODY_MAX);
     if (request_.fields.expect) {
-        out_ = "HTTP/1.1 100 Continue\r\n\r\n";
-        asio::async_write(socket_, asio::buffer(out_), [self = shared_from_this()](const error_t &, size_t) {
-            // An error shows in the reading.
-        });
+        asio::async_write(socket_, asio::buffer(CONTINUE),
+                          [self = shared_from_this()](const error_t &, size_t) {
+                              // An error shows in the reading.
+                          });
     }
     beast::http::async_read(
         socket_, buffer_, *parser_,
@@ -272,7 +273,7 @@ void connection_t::on_bad_request(const error_t &error)
     namespace http = beast::http;
     body_unread_ = true;
     http_answer_t refusal;
-    if (timed_out_ && buffer_.size() + out_.size() == 0 && state_ == state_t::HEADER) {
+    if (timed_out_ && buffer_.size() == 0 && state_ == state_t::HEADER) {
         end(); // nothing was asked
         return;
     }

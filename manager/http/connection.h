@@ -59,7 +59,6 @@ public:
 
     // For choosing whose place a new connection takes: the one that has waited for its client for longest.
     bool waits_for_request() const { return state_ == state_t::IDLE || state_ == state_t::HEADER; }
-    bool is_idle() const { return state_ == state_t::IDLE; }
     std::chrono::steady_clock::time_point since() const { return since_; }
 
 private:

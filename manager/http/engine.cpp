@@ -124,7 +124,8 @@ private:
         connection->start();
     }
 
-    // Idle connections go first, then those that have not finished their header.
+    // The one that has waited for its client for longest goes: idle, or in the middle of a header. Clients that are
+    // being served never have waited long, however many others only hold their places.
     bool make_room()
     {
         if (shared_->all.size() < CONNECTIONS_MAX) {
@@ -132,9 +133,7 @@ private:
         }
         std::shared_ptr<connection_t> victim;
         for (const auto &connection : shared_->all) {
-            if (connection->waits_for_request() &&
-                (!victim || (connection->is_idle() && !victim->is_idle()) ||
-                 (connection->is_idle() == victim->is_idle() && connection->since() < victim->since()))) {
+            if (connection->waits_for_request() && (!victim || connection->since() < victim->since())) {
                 victim = connection;
             }
         }

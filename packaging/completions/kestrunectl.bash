@@ -34,7 +34,7 @@ _kestrunectl()
     local options='--help --version --color --json --server --timeout'
     local values=''
     case $command in
-    '') values='add remove list show history heavy watch merge' ;;
+    '') values='add remove list show history heavy watch merge verify' ;;
     add) options+=' --from --direction --packets --time --name --history-only --wait --wait-time' ;;
     remove)
         options+=' --direction'
@@ -48,6 +48,7 @@ _kestrunectl()
         options+=' --output --force --cut'
         values=files
         ;;
+    verify) values=files ;;
     esac
 
     case $prev in

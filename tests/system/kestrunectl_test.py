@@ -2,6 +2,7 @@
 names the program."""
 
 import contextlib
+import hashlib
 import json
 import os
 import pty
@@ -433,6 +434,38 @@ class Merge(unittest.TestCase):
             self.assertEqual(self.merge(whole, other, "-o", self.path("out"))[0], 1)
         self.assertEqual(self.merge(whole, "-o", self.path("no folder/out"))[0], 1)
         self.assertEqual(sorted(os.listdir(self.folder)), ["cut", "raw", "whole"])
+
+
+class Verify(unittest.TestCase):
+    ID = "01KAQ4A00000000000000000ZZ"
+
+    def test_says_for_each_capture_what_is_wrong(self):
+        with tempfile.TemporaryDirectory() as archive:
+            for good in (True, False):
+                folder = os.path.join(archive, "2026-11-23", self.ID[:-1] + "01"[good])
+                os.makedirs(folder)
+                with open(os.path.join(folder, "summary.json"), "w") as file:
+                    file.write("{}")
+                self.write_manifest(folder, hashlib.sha256(b"{}" if good else b"{ }").hexdigest())
+            status, out, err = ctl("verify", archive)
+            self.assertEqual((status, out.count("\n"), err.count("\n")), (1, 1, 1))
+            self.assertRegex(out, self.ID[:-1] + "1/manifest.json: 0 packets, .* as they were sealed")
+            self.assertRegex(err, self.ID[:-1] + "0/manifest.json: summary.json was changed")
+            self.assertEqual(json.loads(ctl("--json", "verify", os.path.dirname(folder) + "/" + self.ID[:-1] + "1")[1])
+                             ["good"], True)
+            self.assertEqual(ctl("verify", os.path.join(archive, "none"))[0], 1)
+
+    def write_manifest(self, folder, sha256):
+        whole = {"format": "kestrune-manifest/1", "versions": {"manager": "1", "protocol": "0.9"}, "id": self.ID,
+                 "address": "192.0.2.17", "direction": "both", "reason": None, "reference": None, "requested_by": "me",
+                 "requested_at": None, "started_at": None, "ended_at": None, "sealed_at": "2026-11-23T07:42:30Z",
+                 "limits": None, "origins": [], "parts": [],
+                 "files": [{"name": "summary.json", "bytes": 2, "sha256": sha256, "packets": None, "first": None,
+                            "last": None}]}
+        text = json.dumps(whole, indent=2)[:-2]
+        text += ',\n  "checksum": "%s"\n}\n' % hashlib.sha256(text.encode()).hexdigest()
+        with open(os.path.join(folder, "manifest.json"), "w") as file:
+            file.write(text)
 
 
 if __name__ == "__main__":
