@@ -217,6 +217,18 @@ TEST(HistoryHold, EveryRunIsPostedOnceByTheLastRelease)
     EXPECT_EQ(posts(ring), 1);
 }
 
+TEST(HistoryHold, DisableFinishesAHeldRule)
+{
+    const ring_t ring(5000);
+    ASSERT_EQ(ring.hold(1, "held"), HC_OK);
+    hc_disable(ring.hc);
+    EXPECT_EQ(ring.progress(1, 1), progress_value(PROGRESS_DONE, 0));
+    ring.release(1);
+    ASSERT_EQ(hc_enable(ring.hc, 5000), HC_OK);
+    ASSERT_EQ(ring.add(2, BOTH, "next"), HC_OK);
+    EXPECT_TRUE(ring.finishes(2)); // nobody waits for the one that is gone
+}
+
 TEST(HistoryHold, AppendAfterAReleaseStoresNothingAndLooksAgain)
 {
     const ring_t ring(1000, 60000);

@@ -199,6 +199,18 @@ TEST(Slots, ALaterConnectionNeverInheritsRegistrations)
     }
 }
 
+TEST(Slots, NoThreadOfAnEarlierClientIsKept)
+{
+    server_t server;
+    long before = 0, pages = 0; // of the address space
+    for (int i = 0; i < 700; i++) {
+        ASSERT_EQ(server.connect_client().ask(request(5, 4), 4), SUCCESS);
+        std::ifstream("/proc/self/statm") >> pages;
+        before = i < 200 ? pages : before; // by then the C library has what it keeps
+    }
+    EXPECT_LT((pages - before) * sysconf(_SC_PAGESIZE), 1L << 30); // a thread has 8 MB of stack
+}
+
 // Nice values of the threads of this process against the calling thread's, by name.
 std::map<std::string, int> nice_values()
 {

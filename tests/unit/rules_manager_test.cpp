@@ -67,6 +67,16 @@ TEST(Rules, AddingAgainRenewsWidensOrFails)
     EXPECT_TRUE(registry.exists("other_1"));
 }
 
+TEST(Rules, ARefusedLiveCaptureHoldsNoSearchBack)
+{
+    registry_t registry(2, 5000);
+    const ip_addr_t addr = numbered_address(1);
+    const std::string path = registry.directory + "taken";
+    ASSERT_EQ(lc_add_rule(registry.live, &addr, BOTH, 1, 1, path.c_str()), LC_OK);
+    ASSERT_EQ(registry.add(1, BOTH, 10, 10, "web"), RM_OK);
+    EXPECT_TRUE(registry.finishes());
+}
+
 TEST(Rules, LookUpsWithoutEndDoNotKeepAnAddWaiting)
 {
     registry_t registry;
@@ -111,6 +121,22 @@ TEST(Clients, RegistrationsEndAt128AndAFailedIncidentTakesItsOwnBack)
     rm_forget_client(&registry.rm, good.server.fd);
     EXPECT_EQ(rm_unregister_client(&registry.rm, good.server.fd), RM_NOT_REGISTERED);
     EXPECT_EQ(registry.register_client(good), RM_OK);
+}
+
+TEST(Channel, AnUpdateThatGoesOutInPartEndsTheStream)
+{
+    connection_t connection;
+    std::string bytes(1 << 24, 'x');
+    iovec part = {bytes.data(), bytes.size()};
+    EXPECT_FALSE(rm_channel_update(&connection.channel, &part, 1, static_cast<uint32_t>(bytes.size())));
+    const std::string received = connection.client.receive_all();
+    EXPECT_LT(received.size(), bytes.size());
+    EXPECT_FALSE(received.empty());
+    part.iov_len = 1;
+    EXPECT_FALSE(rm_channel_update(&connection.channel, &part, 1, 1));
+    const uint8_t byte = 0;
+    rm_reply_t reply = {&byte, 1, 0};
+    EXPECT_EQ(rm_channel_reply(&connection.channel, &reply), RM_FAILED);
 }
 
 TEST(Channel, NoUpdateLandsInAReplyThatWaitsForRoom)
