@@ -1,6 +1,5 @@
 """kestrunectl as a program, against stand-ins for the plugin's control port, and merging capture files."""
 
-import contextlib
 import hashlib
 import json
 import os
