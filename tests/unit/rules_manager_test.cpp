@@ -123,6 +123,19 @@ TEST(Clients, RegistrationsEndAt128AndAFailedIncidentTakesItsOwnBack)
     EXPECT_EQ(registry.register_client(good), RM_OK);
 }
 
+TEST(Clients, RegisterAndLeaveBesideEachOther)
+{
+    registry_t registry;
+    connection_t connections[2];
+    const auto come_and_go = [&](connection_t *connection) {
+        for (int i = 0; i < 1000; i++) {
+            EXPECT_EQ(registry.register_client(*connection), RM_OK);
+            EXPECT_EQ(rm_unregister_client(&registry.rm, connection->server.fd), RM_OK);
+        }
+    };
+    std::jthread(come_and_go, &connections[0]), come_and_go(&connections[1]);
+}
+
 TEST(Channel, AnUpdateThatGoesOutInPartEndsTheStream)
 {
     connection_t connection;
