@@ -247,7 +247,7 @@ summary_t summary_maker_t::finish()
 void summary_maker_t::fill_origins(summary_t *summary) const
 {
     uint64_t factor = 1;
-    for (const uint64_t next : {2, 5, 10}) {
+    for (const uint64_t next : {2U, 5U, 10U}) {
         if (steps_between(first_ns_, last_ns_, factor * step_ns_) > SUMMARY_STEPS) {
             factor = next;
         }
@@ -307,7 +307,7 @@ void summary_maker_t::fill_shares(summary_t *summary) const
         }
     }
     keep_largest(&summary->protocols, protocols_.size());
-    for (const size_t udp : {0, 1}) {
+    for (const size_t udp : {0U, 1U}) {
         for (size_t port = 0; port < ports_[udp].size(); port++) {
             const count_t &count = ports_[udp][port];
             if (count.packets > 0) {

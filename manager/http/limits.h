@@ -13,8 +13,8 @@ constexpr size_t CONNECTIONS_MAX = 512;
 constexpr size_t WORKER_COUNT = 4;
 constexpr size_t WAITING_MAX = 256; // requests for a worker
 constexpr size_t LISTENERS_MAX = 64;
-constexpr size_t LISTENER_BACKLOG_MAX = 1024 * 1024; // unsent bytes
-constexpr size_t ANSWER_STEP = 64 * 1024;            // bytes that must leave within ANSWER_TIME
+
+constexpr size_t ANSWER_STEP = 64 * 1024; // bytes that must leave within ANSWER_TIME
 constexpr uint64_t FILE_PIECE =
     1024 * 1024; // bytes that a worker sends at most before others have their turn
 constexpr uint64_t LEFTOVER_MAX = 2 * BODY_MAX; // bytes of a refused body that are read and thrown away

@@ -8,6 +8,7 @@ import os
 import shutil
 import signal
 import socket
+import ssl
 import subprocess
 import sys
 import tempfile
@@ -17,7 +18,7 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
 from control import FakeProbe  # noqa: E402
-from manager_process import Manager  # noqa: E402
+from manager_process import Manager, free_port  # noqa: E402
 from probe_process import LIMIT_S, WEB, built, wait_until  # noqa: E402
 from run_tests import main  # noqa: E402
 
@@ -294,6 +295,72 @@ class Interface(unittest.TestCase):
         for thread in threads:
             thread.join()
         self.assertEqual(wrong, [])
+
+
+NGINX = """daemon off; error_log stderr; pid %(folder)s/nginx.pid; %(user)s
+events {}
+http {
+    client_body_temp_path %(folder)s/body; proxy_temp_path %(folder)s/proxy; fastcgi_temp_path %(folder)s/fastcgi;
+    uwsgi_temp_path %(folder)s/uwsgi; scgi_temp_path %(folder)s/scgi;
+    include %(folder)s/site.conf;
+}
+"""
+
+
+@unittest.skipUnless(shutil.which("nginx") and shutil.which("openssl"), "needs nginx and openssl")
+class BehindAProxy(unittest.TestCase):
+    """The site of examples/nginx, with this test's ports and certificate."""
+
+    def start_proxy(self, folder, manager):
+        port, site = free_port(), os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../examples/nginx/kestrune.conf")
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=kestrune.example", "-days", "2",
+                        "-keyout", folder + "/key", "-out", folder + "/pem"], check=True, capture_output=True)
+        with open(site, encoding="ascii") as file, open(folder + "/site.conf", "w", encoding="ascii") as copy:
+            text = file.read()
+            for old, new in (("listen [::]:443 ssl;", ""), ("listen 443", "listen 127.0.0.1:%d" % port),
+                             ("127.0.0.1:8564", "127.0.0.1:%d" % manager.port), ("/etc/ssl/certs/kestrune.example.pem", folder + "/pem"),
+                             ("/etc/ssl/private/kestrune.example.key", folder + "/key")):
+                self.assertIn(old, text)
+                text = text.replace(old, new)
+            copy.write(text)
+        with open(folder + "/nginx.conf", "w", encoding="ascii") as file:
+            file.write(NGINX % {"folder": folder, "user": "user root;" if os.geteuid() == 0 else ""})
+        proxy = subprocess.Popen(["nginx", "-e", "stderr", "-c", folder + "/nginx.conf"], stderr=subprocess.DEVNULL)
+        self.addCleanup(proxy.wait)
+        self.addCleanup(proxy.terminate)
+        return port
+
+    def test_the_example_site_passes_everything_on(self):
+        with tempfile.TemporaryDirectory() as folder, FakeProbe() as probe:
+            manager = Manager(folder, [{"name": "a", "address": probe.name}],
+                              http={"names": ["kestrune.example"], "behind_proxy": True})
+            self.addCleanup(manager.kill)
+            manager.start()
+            port = self.start_proxy(folder, manager)
+            context = ssl.create_default_context(cafile=folder + "/pem")
+
+            def ask(path, **headers):
+                connection = http.client.HTTPSConnection("127.0.0.1", port, timeout=LIMIT_S, context=context)
+                connection.sock = context.wrap_socket(socket.create_connection(("127.0.0.1", port)), server_hostname="kestrune.example")
+                self.addCleanup(connection.close)
+                connection.request("GET", path, headers={"Host": "kestrune.example:%d" % port, **headers})
+                return connection.getresponse()
+
+            def is_there():
+                with socket.socket() as connection:
+                    return connection.connect_ex(("127.0.0.1", port)) == 0
+
+            wait_until(is_there, "nginx")
+            token = {"Authorization": "Bearer " + manager.token}
+            self.assertEqual(ask("/").status, 200)
+            self.assertEqual(ask("/api/v1/probes", **token, Origin="https://kestrune.example:%d" % port).status, 200)
+            self.assertEqual(ask("/api/v1/probes", **token, Origin="https://evil.example").status, 403)
+            self.assertEqual(ask("/api/v1/probes", **{"X-Forwarded-For": "192.0.2.9"}).status, 401)
+            refused = [row["from"] for row in manager.get("audit")["audit"] if row["action"] == "refused"]
+            self.assertEqual(set(refused), {"127.0.0.1"})  # what the proxy saw, not what its client said
+            events = ask("/api/v1/events", **token)
+            self.assertEqual(events.readline(), b"retry: 2000\n")  # though the stream has not ended
+            self.assertEqual(manager.stop(), 0)
 
 
 class Configuration(unittest.TestCase):

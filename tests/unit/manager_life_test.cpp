@@ -480,10 +480,11 @@ void world_t::turn()
 
 void world_t::carry_out(effects_t effects)
 {
-    for (auto &[name, batch] : effects.batches) {
+    for (auto &effect : effects.batches) {
+        const std::string &name = effect.first;
         const size_t p = static_cast<size_t>(name[1] - '0');
         answers_t answers{name, 0, {}};
-        for (ask_t &ask : batch) {
+        for (ask_t &ask : effect.second) {
             const auto id = parse_ulid(ask.name);
             const auto row = id ? catalogue_.rows.find(*id) : catalogue_.rows.end();
             const auto is_sent = [&](const part_t &part) { return part.probe == name && part.sent; };
