@@ -10,6 +10,11 @@ namespace kestrune::manager {
 
 namespace {
 
+std::string stop_text(const capture_t &capture)
+{
+    return capture.stop_why.empty() ? "stopped before it began" : capture.stop_why;
+}
+
 // Of the live capture, from what DETAIL says; 100 only when it is over.
 uint8_t live_percent(const msg_ip_detail_t &fields)
 {
@@ -96,7 +101,7 @@ void part_life_t::stop(entry_t *entry, size_t part)
 {
     run_t &run = entry->runs[part];
     if (run.phase == phase_t::WAITING) {
-        fail(entry, part, "stopped before it began");
+        fail(entry, part, stop_text(entry->capture));
     } else if (run.phase == phase_t::STANDS && entry->capture.parts[part].state == part_state_t::RECORDING &&
                !run.detail_out) {
         ask_part(entry, part, ask_kind_t::DETAIL); // whose answer sends the REMOVE

@@ -145,7 +145,7 @@ void part_life_t::wait_for_address(entry_t *entry, size_t part)
     run.until = until;
     entry->capture.parts[part].sent = false;
     if (entry->capture.stop_at != 0) {
-        fail(entry, part, "stopped before it began");
+        stop(entry, part);
     }
 }
 
