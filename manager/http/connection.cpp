@@ -513,6 +513,8 @@ void connection_t::begin_stream()
     if (head.stream) {
         head.body = shared_->events->begin(request_.fields.last_event_id.value_or(""), &place_);
         shared_->counters->listeners.fetch_add(1, std::memory_order_relaxed);
+        error_t ignored; // the kernel would take megabytes for a listener that does not read
+        socket_.set_option(asio::socket_base::send_buffer_size(ANSWER_STEP), ignored);
         watch_listener();
     }
     answer(std::move(head));

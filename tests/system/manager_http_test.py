@@ -231,6 +231,27 @@ class Interface(unittest.TestCase):
         for address in ("10.0.1.1", "10.0.1.2"):
             self.probe.finish(address)
 
+    @unittest.skipUnless(os.environ.get("KESTRUNE_LONG"), "takes a minute; KESTRUNE_LONG runs it")
+    def test_a_listener_that_does_not_read_loses_its_connection_alone(self):
+        head = b"GET /api/v1/events HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer %s\r\n\r\n" % self.tokens["read"].encode()
+        deaf, reading = self.connect(receive=2048), self.connect()
+        for connection in (deaf, reading):
+            connection.sendall(head)
+        taken = []
+        follow = threading.Thread(target=lambda: taken.append(read_all(reading)))
+        follow.start()
+        addresses = ["10.9.%d.%d" % (i // 250, i % 250) for i in range(1000)]
+        self.manager.record(*addresses)
+
+        def listeners():
+            text = self.manager.ask("GET", "/metrics").body.decode()
+            return int(text.split("\nkestrune_event_listeners ")[1].split("\n")[0])
+
+        wait_until(lambda: listeners() == 1, listeners)
+        reading.shutdown(socket.SHUT_RDWR)
+        follow.join()
+        self.assertGreaterEqual(taken[0].count(b"event: capture"), 1000)
+
     def test_metrics_are_clean(self):
         text = self.manager.ask("GET", "/metrics").body
         self.assertNotIn(b"10.0.0.1", text)
