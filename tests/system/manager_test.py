@@ -125,6 +125,7 @@ class Kills(ManagerTest):
         self.manager = self.start(Manager(self.folder, [probe.settings() for probe in self.probes]))
         self.answered = {}  # id -> the capture as it was answered first
         self.deleted = set()
+        self.keys = {}  # of the requests: body and ids
         self.renewed = set()
         self.ending = False
         self.posting = threading.Event()
@@ -189,6 +190,7 @@ class Kills(ManagerTest):
         answer = self.insist("POST", "captures", body, Idempotency_Key=key)
         if answer.status not in (200, 201):
             raise AssertionError("POST %r: %d %s" % (body, answer.status, answer.body))
+        self.keys[key] = body, [capture["id"] for capture in answer.json["captures"]]
         for capture in answer.json["captures"]:
             self.answered.setdefault(capture["id"], capture)
             if body.get("renew"):
@@ -196,7 +198,12 @@ class Kills(ManagerTest):
 
     def change(self, choices):
         chosen = choices.choice(list(self.answered))
-        if choices.random() < 0.5:
+        if choices.random() < 0.3:  # a key is honoured, also by the next process
+            key = choices.choice(list(self.keys))
+            body, ids = self.keys[key]
+            again = self.insist("POST", "captures", body, Idempotency_Key=key).json["captures"]
+            assert [capture["id"] for capture in again] == ids, (key, ids, again)
+        elif choices.random() < 0.5:
             self.insist("POST", "captures/%s/stop" % chosen)
         elif self.insist("DELETE", "captures/" + chosen).status == 204:
             self.deleted.add(chosen)
