@@ -141,7 +141,7 @@ private:
     uint64_t size_ = 0;
 };
 
-class directory_archive_t : public archive_t {
+class directory_archive_t final : public archive_t {
 public:
     directory_archive_t(const archive_settings_t &settings, const std::vector<probe_settings_t> &probes);
     void configure(const archive_settings_t &settings, const std::vector<probe_settings_t> &probes) override;
