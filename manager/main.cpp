@@ -109,9 +109,7 @@ public:
             probes_->configure(settings.probes, settings.limits.min_reach_s);
             settings_ = std::move(settings);
             log_info("the configuration was read anew: " + status_text(settings_));
-        } catch (const settings_error_t &error) {
-            log_error(std::string("the configuration before stays: ") + error.what());
-        } catch (const http_error_t &error) {
+        } catch (const std::exception &error) { // whatever it is, the captures go on
             log_error(std::string("the configuration before stays: ") + error.what());
         }
     }

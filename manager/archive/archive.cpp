@@ -24,6 +24,11 @@ namespace {
 
 using path_t = std::filesystem::path;
 
+bool is_full(const std::system_error &error)
+{
+    return error.code() == std::errc::no_space_on_device || error.code().value() == EDQUOT;
+}
+
 // Runs archive work; whatever it throws becomes an archive_error_t.
 template <typename work_t>
 auto guarded(work_t work)
@@ -35,8 +40,8 @@ auto guarded(work_t work)
     } catch (const stopped_t &error) {
         throw archive_error_t(archive_failure_t::INTERRUPTED, error.what());
     } catch (const std::system_error &error) {
-        const bool full = error.code() == std::errc::no_space_on_device || error.code().value() == EDQUOT;
-        throw archive_error_t(full ? archive_failure_t::FULL : archive_failure_t::BROKEN, error.what());
+        throw archive_error_t(is_full(error) ? archive_failure_t::FULL : archive_failure_t::BROKEN,
+                              error.what());
     } catch (const std::exception &error) {
         throw archive_error_t(archive_failure_t::BROKEN, error.what());
     }
@@ -60,6 +65,16 @@ void unlink_if_there(const path_t &path)
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
         fail_errno(path);
     }
+}
+
+void write_tombstone(const path_t &path, const std::string &text)
+{
+    const path_t part = path.string() + ".part";
+    write_whole(part, text);
+    if (rename(part.c_str(), path.c_str()) != 0) {
+        fail_errno(path);
+    }
+    sync_directory(path.parent_path());
 }
 
 uint64_t free_bytes(const path_t &path)
@@ -298,13 +313,19 @@ void directory_archive_t::delete_files(const ulid_t &id, const std::string &caus
         return;
     }
     const path_t tombstone = directory / TOMBSTONE_NAME;
-    if (const std::optional<std::string> text = read_if_there(directory / MANIFEST_NAME, MANIFEST_SIZE_MAX)) {
-        const path_t part = tombstone.string() + ".part";
-        write_whole(part, tombstone_text({cause, at, *text}, id));
-        if (rename(part.c_str(), tombstone.c_str()) != 0) {
-            fail_errno(tombstone);
+    if (const std::optional<std::string> manifest =
+            read_if_there(directory / MANIFEST_NAME, MANIFEST_SIZE_MAX)) {
+        const std::string text = tombstone_text({cause, at, *manifest}, id);
+        try {
+            write_tombstone(tombstone, text);
+        } catch (const std::system_error &error) {
+            if (!is_full(error)) {
+                throw;
+            }
+            // Deleting is what makes room. The manifest stays until the tombstone stands.
+            unlink_if_there(directory / sealed_name(id));
+            write_tombstone(tombstone, text);
         }
-        sync_directory(directory);
     }
     for (const std::string &name : {sealed_name(id), std::string(SUMMARY_NAME), std::string(MANIFEST_NAME)}) {
         unlink_if_there(directory / (name + ".part"));

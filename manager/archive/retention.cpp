@@ -25,7 +25,8 @@ std::vector<victim_t> choose_victims(const std::vector<sealed_entry_t> &oldest, 
     std::vector<victim_t> victims;
     uint64_t used = view.bytes + view.raw_bytes;
     uint64_t room = view.archive_free_bytes;
-    const uint64_t age = settings.max_age_days * DAY_NS;
+    const uint64_t age =
+        std::min<uint64_t>(settings.max_age_days, UINT64_MAX / DAY_NS) * DAY_NS; // 584 years at most
     for (const sealed_entry_t &entry : oldest) {
         std::string cause;
         if (age != 0 && now > age && entry.sealed_at < now - age) {

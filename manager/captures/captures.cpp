@@ -301,16 +301,21 @@ void captures_thread_t::failed(std::vector<item_t> items, const catalogue_error_
     }
 }
 
-// Of the lists only the last one of each probe stays, of the rows for the audit none: what else has waited so long
-// is not repeated by anybody.
+// Of the lists only the last one of each probe stays, of the looks at the disk the last, of the rows for the audit none:
+// what else has waited so long is not repeated by anybody.
 void captures_thread_t::shorten()
 {
     std::set<std::string> seen;
+    bool is_room_seen = false;
     std::vector<item_t> kept;
     for (auto item = retained_.rbegin(); item != retained_.rend(); ++item) {
         const auto *observation = std::get_if<observation_t>(&*item);
         const auto *list = observation != nullptr ? std::get_if<listed_t>(observation) : nullptr;
-        if (!std::holds_alternative<audit_t>(*item) && (list == nullptr || seen.insert(list->probe).second)) {
+        const auto *result = std::get_if<keeper_result_t>(&*item);
+        const bool is_room = result != nullptr && std::holds_alternative<room_result_t>(*result);
+        const bool is_repeated = (list != nullptr && !seen.insert(list->probe).second) ||
+                                 (is_room && std::exchange(is_room_seen, true));
+        if (!std::holds_alternative<audit_t>(*item) && !is_repeated) {
             kept.push_back(std::move(*item));
         }
     }

@@ -61,11 +61,9 @@ void keeper_t::give(std::vector<job_t> jobs)
 {
     const hold_lock_t held(lock_);
     for (job_t &job : jobs) {
-        if (auto *look = std::get_if<look_job_t>(&job)) {
-            looks_.push_back(std::move(*look));
-        } else {
-            jobs_.push_back(std::move(job));
-        }
+        const bool is_urgent =
+            std::holds_alternative<look_job_t>(job) || std::holds_alternative<bury_job_t>(job);
+        (is_urgent ? urgent_ : jobs_).push_back(std::move(job));
     }
     work_.notify_one();
 }
@@ -92,7 +90,7 @@ bool keeper_t::take(job_t *job)
             jobs_.pop_front();
             return true;
         }
-        if (looks_.empty() && !fresh_) {
+        if (urgent_.empty() && !fresh_) {
             (void)work_.wait_until(lock_, std::chrono::steady_clock::now() + std::chrono::seconds(1));
         }
     }
@@ -111,19 +109,22 @@ void keeper_t::take_settings()
     archive_->configure(settings_.archive, settings_.probes);
 }
 
+bool keeper_t::take_urgent(job_t *job)
+{
+    const hold_lock_t held(lock_);
+    if (stop_ || urgent_.empty()) {
+        return false;
+    }
+    *job = std::move(urgent_.front());
+    urgent_.pop_front();
+    return true;
+}
+
 void keeper_t::between()
 {
-    for (;;) {
-        look_job_t look;
-        {
-            const hold_lock_t held(lock_);
-            if (stop_ || looks_.empty()) {
-                break;
-            }
-            look = std::move(looks_.front());
-            looks_.pop_front();
-        }
-        do_job(look);
+    job_t job;
+    while (take_urgent(&job)) {
+        std::visit([this](const auto &what) { do_job(what); }, job);
     }
     if (!stop_ && (is_buried_ || monotonic_now_ns() >= measured_at_ + MEASURE_NS)) {
         is_buried_ = false;
@@ -245,6 +246,8 @@ void keeper_t::measure()
     }
 }
 
+// The files of earlier victims may lie there for long, where their deletion fails. Their room is counted as free: else
+// each look would choose others in their place, until nothing is left.
 std::vector<victim_t> keeper_t::victims(const archive_view_t &view)
 {
     std::vector<sealed_entry_t> oldest;
@@ -253,7 +256,9 @@ std::vector<victim_t> keeper_t::victims(const archive_view_t &view)
             oldest.push_back({candidate.id, candidate.sealed_at, candidate.bytes});
         }
     }
-    std::vector<victim_t> victims = choose_victims(oldest, view, settings_.archive, wall_now_ns());
+    archive_view_t soon = view;
+    soon.archive_free_bytes += catalogue_->doomed_bytes();
+    std::vector<victim_t> victims = choose_victims(oldest, soon, settings_.archive, wall_now_ns());
     for (const ulid_t &id : catalogue_->expired_lookups(wall_now_ns(), CANDIDATES)) {
         if (!archive_->is_read(id)) {
             victims.push_back({id, "a lookup that was not kept"});
@@ -294,7 +299,11 @@ void keeper_t::sweep(const std::vector<raw_file_t> &files, sweep_result_t *resul
     for (const ulid_t &id : ids) {
         const auto state = states.find(id);
         if (state != states.end() && state->second == capture_state_t::SEALED) {
-            (void)archive_->remove_raw(id);
+            try {
+                (void)archive_->remove_raw(id);
+            } catch (const archive_error_t &error) { // the others are looked at all the same
+                result->error = id.text() + ": " + error.what();
+            }
         } else if (state != states.end() && state->second != capture_state_t::DELETED) {
             result->unsealed.push_back(id);
         }
@@ -310,8 +319,12 @@ void keeper_t::sweep(const std::vector<raw_file_t> &files, sweep_result_t *resul
 
 bool keeper_t::is_source(const raw_file_t &file)
 {
-    const std::vector<std::string> sources = archive_->sources(file.id, file.probe);
-    return std::find(sources.begin(), sources.end(), file.name) != sources.end();
+    try {
+        const std::vector<std::string> sources = archive_->sources(file.id, file.probe);
+        return std::find(sources.begin(), sources.end(), file.name) != sources.end();
+    } catch (const archive_error_t &) { // a damaged manifest, which the sweep tells
+        return true;
+    }
 }
 
 } // namespace kestrune::manager

@@ -32,8 +32,9 @@ public:
 
 private:
     void run();
-    bool take(job_t *job); // false: stop
-    void between();        // what is due; also in the middle of a sealing
+    bool take(job_t *job);        // false: stop
+    bool take_urgent(job_t *job); // false: none
+    void between();               // what is due; also in the middle of a sealing
     void take_settings();
     void do_job(const seal_job_t &job);
     void do_job(const raw_job_t &job);
@@ -55,7 +56,8 @@ private:
     lock_t lock_;
     condition_t work_;
     std::deque<job_t> jobs_ KS_GUARDED_BY(lock_);
-    std::deque<look_job_t> looks_ KS_GUARDED_BY(lock_); // before all others
+    // Looks and deletions: before all others, and in the middle of a sealing, which needs the room.
+    std::deque<job_t> urgent_ KS_GUARDED_BY(lock_);
     std::optional<settings_t> fresh_ KS_GUARDED_BY(lock_);
 
     // The thread's own.

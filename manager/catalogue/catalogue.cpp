@@ -71,6 +71,7 @@ public:
     std::vector<capture_t> unfinished() override;
     std::unordered_map<ulid_t, capture_state_t> states(const std::vector<ulid_t> &ids) override;
     std::vector<candidate_t> oldest_sealed(size_t most) override;
+    uint64_t doomed_bytes() override;
     std::vector<ulid_t> expired_lookups(uint64_t now, size_t most) override;
     std::optional<kept_answer_t> kept_answer(const std::string &who, const std::string &key,
                                              uint64_t now) override;
@@ -322,6 +323,16 @@ std::vector<candidate_t> sqlite_catalogue_t::oldest_sealed(size_t most)
             candidates.push_back({id, requested_at, sealed_at, rows.number()});
         }
         return candidates;
+    });
+}
+
+uint64_t sqlite_catalogue_t::doomed_bytes()
+{
+    return with_reader([](connection_t *reader) {
+        statement_t sum = reader->prepare(
+            "SELECT COALESCE(SUM(file_bytes), 0) FROM captures WHERE open = 1 AND +state = ?");
+        sum.bind(static_cast<uint64_t>(capture_state_t::DELETED));
+        return sum.step() ? sum.number() : 0;
     });
 }
 

@@ -91,6 +91,8 @@ public:
     // States of these; unknown ids are left out.
     virtual std::unordered_map<ulid_t, capture_state_t> states(const std::vector<ulid_t> &ids) = 0;
     virtual std::vector<candidate_t> oldest_sealed(size_t most) = 0; // by requested_at
+    virtual uint64_t
+    doomed_bytes() = 0; // of sealed files that are still there, though their captures are deleted
     virtual std::vector<ulid_t> expired_lookups(uint64_t now,
                                                 size_t most) = 0; // over, lookup_until before now
     virtual std::optional<kept_answer_t> kept_answer(const std::string &who, const std::string &key,

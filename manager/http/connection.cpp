@@ -61,6 +61,16 @@ void take_field(const beast::http::fields &from, const F &field, http_fields_t *
     }
 }
 
+// The parser takes any other encoding for a request without a body, and the body for the next request. A proxy that
+// knows where that body ends would then pass on what somebody else asks for as a request of its own
+// (RFC 9112, sections 6.1 and 11.2).
+bool has_known_encoding(const beast::http::fields &fields, bool chunked)
+{
+    const auto count = fields.count(beast::http::field::transfer_encoding);
+    return count == 0 || (count == 1 && chunked &&
+                          beast::iequals(fields[beast::http::field::transfer_encoding], "chunked"));
+}
+
 } // namespace
 
 connection_t::connection_t(std::shared_ptr<connections_t> shared, asio::ip::tcp::socket socket,
@@ -104,8 +114,12 @@ void connection_t::on_deadline()
     switch (state_) {
     case state_t::HEADER:
     case state_t::BODY:
+        if (timed_out_) {
+            break;
+        }
         timed_out_ = true; // the reading ends with an error, and is answered then
         socket_.cancel(ignored);
+        arm(LEFTOVER_TIME); // it goes on where bytes had come just before
         return;
     case state_t::WORK:
         ++request_number_; // the answer comes too late
@@ -200,10 +214,14 @@ void connection_t::on_header(const error_t &error)
     body_unread_ = !parser_->is_done();
     route_ = nullptr;
     std::optional<http_answer_t> refusal;
-    if (request_.fields.expect && *request_.fields.expect != "100-continue") {
+    if (!has_known_encoding(parser_->get(), request_.chunked)) {
+        body_unread_ = true; // of a length that nobody knows
+        refusal = problem(400, "the only Transfer-Encoding that is understood is chunked");
+    } else if (request_.fields.expect && !beast::iequals(*request_.fields.expect, "100-continue")) {
         refusal = problem(417, "the only expectation that is met is 100-continue");
     } else {
         refusal = shared_->gate->check(&request_, &route_);
+        had_token_ = had_token_ || request_.role != role_t::NONE;
     }
     if (refusal) {
         refusal->close = refusal->close || body_unread_;

@@ -26,6 +26,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 
 namespace kestrune::manager {
 
@@ -57,9 +58,15 @@ public:
     // There are new events.
     void wake();
 
-    // For choosing whose place a new connection takes: the one that has waited for its client for longest.
-    bool waits_for_request() const { return state_ == state_t::IDLE || state_ == state_t::HEADER; }
-    std::chrono::steady_clock::time_point since() const { return since_; }
+    // For choosing whose place a new connection takes: of those that wait for their client the one that never had a
+    // token, then the one that has waited for longest. One whose refusal is not taken is no better than one that asks
+    // nothing.
+    bool may_give_way() const
+    {
+        return state_ == state_t::IDLE || state_ == state_t::HEADER || state_ == state_t::LEFTOVER ||
+               (state_ == state_t::ANSWER && request_.role == role_t::NONE);
+    }
+    std::pair<bool, std::chrono::steady_clock::time_point> worth() const { return {had_token_, since_}; }
 
 private:
     enum class state_t { IDLE, HEADER, BODY, WORK, ANSWER, FILE, STREAM, LEFTOVER, ENDED };
@@ -108,6 +115,7 @@ private:
     std::optional<parser_t> parser_;
     http_request_t request_;
     const route_t *route_ = nullptr;
+    bool had_token_ = false; // a right one, in any request so far
     bool keep_alive_ = false;
     bool body_unread_ = false;
 

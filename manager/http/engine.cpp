@@ -124,8 +124,8 @@ private:
         connection->start();
     }
 
-    // The one that has waited for its client for longest goes: idle, or in the middle of a header. Clients that are
-    // being served never have waited long, however many others only hold their places.
+    // One that waits for its client goes: idle, in the middle of a header, or at an answer that takes no token. Clients
+    // that have a token go last, and those that are being served never.
     bool make_room()
     {
         if (shared_->all.size() < CONNECTIONS_MAX) {
@@ -133,7 +133,7 @@ private:
         }
         std::shared_ptr<connection_t> victim;
         for (const auto &connection : shared_->all) {
-            if (connection->waits_for_request() && (!victim || connection->since() < victim->since())) {
+            if (connection->may_give_way() && (!victim || connection->worth() < victim->worth())) {
                 victim = connection;
             }
         }

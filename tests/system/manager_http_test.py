@@ -1,6 +1,7 @@
 """The manager's HTTP interface against clients that are wrong, slow, greedy or many. The probe is a fake one; the captures
 and their files are real. KESTRUNE_BUILD names the folder of the programs."""
 
+import contextlib
 import hashlib
 import http.client
 import json
@@ -77,6 +78,7 @@ class Interface(unittest.TestCase):
         connection = socket.socket()
         if receive:
             connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive)
+            connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_MAXSEG, 536)  # or the other end buffers megabytes
         connection.settimeout(timeout)
         connection.bind((source, 0))
         connection.connect(("127.0.0.1", self.manager.port))
@@ -139,6 +141,7 @@ class Interface(unittest.TestCase):
             (b"\0\1\2\3\r\n\r\n", 400), (b"GET / HTTP/9.1\r\n\r\n", 400), (b"GET http://localhost/ HTTP/1.1\r\n%s\r\n" % host, 404),
             (b"GET / HTTP/1.1\r\nHost: localhost\r\nHost: localhost\r\nConnection: close\r\n\r\n", 400),
             (post + b"Content-Length: 5\r\nContent-Length: 6\r\n\r\n{}", 400), (post + b"Content-Length: -1\r\n\r\n", 400),
+            (post + b"Transfer-Encoding: gzip\r\n\r\nGET /healthz HTTP/1.1\r\n%s\r\n" % host, 400),
             (post + b"Transfer-Encoding: chunked\r\n\r\n" + chunk * 17, 413),
             (post + b"Transfer-Encoding: chunked\r\nConnection: close\r\n\r\nxyz\r\n", 400),
             (post + b"Content-Length: 100\r\nExpect: 100-continue\r\nConnection: close\r\n\r\n" + b"{" * 100, 100),
@@ -152,6 +155,7 @@ class Interface(unittest.TestCase):
                 answer = read_all(connection)
                 self.assertEqual(answer.split(b" ")[1:2], [b"%d" % status], answer)
                 self.assertEqual(b"HTTP/1.1 400" in answer, status in (100, 400))
+                self.assertNotIn(b"200 OK", answer)  # no request out of a body
 
     def test_wrong_tokens_are_counted_by_address(self):
         statuses = [self.status(token="y" * 20, source="127.0.0.2") for _ in range(12)]
@@ -293,6 +297,13 @@ class Interface(unittest.TestCase):
     def test_a_crowd_that_only_holds_places_keeps_nobody_out(self):
         crowd = [self.connect() for _ in range(600)]  # more than there are places
         self.ask_all(64, 640)
+        deaf = [self.connect(receive=4096, source="127.0.0.4") for _ in range(600)]
+        for connection in deaf:  # asks much without a token, and reads nothing
+            connection.setblocking(False)
+            with contextlib.suppress(BlockingIOError, ConnectionError):
+                connection.send(b"GET /api/v1/probes HTTP/1.1\r\nHost: localhost\r\n\r\n" * 1000)
+        self.ask_all(64, 640)
+        crowd[-1] = self.connect()
         crowd[-1].sendall(b"GET /healthz HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n")
         self.assertIn(b"200 OK", read_all(crowd[-1]))
 

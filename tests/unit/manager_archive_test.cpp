@@ -544,6 +544,7 @@ TEST(RetentionTest, DeletesTheOldestForAgeThenQuotaThenRoom)
     const case_t cases[] = {
         {0, 1000, 0, 0, 1000, 0, "", room_t::ENOUGH},
         {0, 1000, 0, 0, 1000, 8, "older than 8 days,older than 8 days,", room_t::ENOUGH},
+        {0, 1000, 0, 0, 1000, 213'504, "", room_t::ENOUGH}, // beyond 64 bits of nanoseconds
         {0, 1000, 640, 0, 1000, 0, "", room_t::ENOUGH},
         {1, 1000, 640, 0, 1000, 0, "quota,", room_t::NO_NEW},
         {400, 1000, 640, 0, 1000, 9, "older than 9 days,quota,quota,quota,", room_t::END_RUNNING},
@@ -604,9 +605,15 @@ TEST_F(ArchiveTest, LosesNothingOnAFileSystemThatFills)
         }
         archive_view_t view = archive->measure(0, 0, 0, 400'000);
         EXPECT_EQ(view.room, room_t::END_RUNNING);
-        for (const victim_t &victim : choose_victims(entries, view, archive_settings_, 1)) {
-            archive->bury(victim.id, victim.cause, 1);
+        const path_t filler = sealing_.root / "filler";
+        const int fd = open(filler.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        while (write(fd, raw_bytes({}).data(), 16) > 0) {
         }
+        close(fd);
+        for (const victim_t &victim : choose_victims(entries, view, archive_settings_, 1)) {
+            archive->bury(victim.id, victim.cause, 1); // not a byte is free for the tombstone
+        }
+        std::filesystem::remove(filler);
         EXPECT_EQ(archive->measure(0, 0, 0, 400'000).room, room_t::ENOUGH);
         EXPECT_EQ(archive->seal(capture_, [] { return false; }).file.packets, 5U);
         _exit(HasFailure() ? 1 : 0);

@@ -4,10 +4,12 @@
 #include "captures/life.h"
 
 #include "captures/cover.h"
+#include "captures/keeper.h"
 #include "common/clock.h"
 
 #include <algorithm>
 #include <deque>
+#include <future>
 #include <gtest/gtest.h>
 #include <random>
 
@@ -91,6 +93,7 @@ public:
         return {};
     }
     std::vector<candidate_t> oldest_sealed(size_t) override { return {}; }
+    uint64_t doomed_bytes() override { return 0; }
     std::vector<ulid_t> expired_lookups(uint64_t, size_t) override { return {}; }
     audit_page_t audit(uint64_t, uint32_t) override { return {}; }
     totals_t totals() override { return {}; }
@@ -603,5 +606,49 @@ TEST(manager_life, NothingPromisedIsLostOrRecordedTwice)
         world.run(400, true);
         world.calm_down();
         world.check_end();
+    }
+}
+
+// The disk stays full in the middle of a long sealing. One deletion makes room there; while it fails, no other capture
+// is chosen in its place.
+TEST(keeper, DeletesWhileItSealsAndNoMoreThanMakesRoom)
+{
+    struct one_sealed_t : memory_catalogue_t {
+        uint64_t doomed = 0;
+        uint64_t doomed_bytes() override { return doomed; }
+        std::vector<candidate_t> oldest_sealed(size_t) override { return {{ulid_t{{1}}, 1, 1, 100}}; }
+    };
+    struct slow_archive_t : no_archive_t {
+        std::function<void()> begun;
+        bool is_buried = false, was_in_time = false;
+        void bury(const ulid_t &, const std::string &, uint64_t) override { is_buried = true; }
+        sealed_t seal(const capture_t &, const std::function<bool()> &stop) override
+        {
+            begun();
+            for (int i = 0; i < 10'000; i++) {
+                (void)stop();
+            }
+            was_in_time = is_buried;
+            return {};
+        }
+    };
+    for (const uint64_t doomed : {uint64_t{0}, uint64_t{2} << 30}) {
+        one_sealed_t catalogue;
+        slow_archive_t archive;
+        size_t victims = 0;
+        std::promise<void> sealed;
+        catalogue.doomed = doomed;
+        keeper_t keeper(&archive, &catalogue, [&](const keeper_result_t &result) {
+            const auto *room = std::get_if<room_result_t>(&result);
+            victims += room != nullptr ? room->victims.size() : 0;
+            std::holds_alternative<seal_result_t>(result) ? sealed.set_value() : void();
+        });
+        archive.begun = [&] { keeper.give({bury_job_t{ulid_t{{2}}, "free space", 1}}); };
+        keeper.start({});
+        keeper.give({seal_job_t{{}, false}});
+        sealed.get_future().wait();
+        keeper.stop();
+        EXPECT_TRUE(archive.was_in_time);
+        EXPECT_EQ(victims == 0, doomed != 0);
     }
 }
