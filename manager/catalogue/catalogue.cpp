@@ -96,7 +96,7 @@ private:
     lock_t writing_;
     std::unique_ptr<connection_t> writer_ KS_GUARDED_BY(writing_);
     bool synchronous_ KS_GUARDED_BY(writing_) = false; // each commit reaches the disk
-    totals_t counted_ KS_GUARDED_BY(writing_);         // without oldest_sealed
+    totals_t counted_ KS_GUARDED_BY(writing_);         // without leaving_bytes and oldest_sealed
     lock_t counting_;
     totals_t totals_ KS_GUARDED_BY(counting_); // the same, for those who must not wait for the disk
     lock_t reading_;
@@ -331,7 +331,7 @@ std::vector<ulid_t> sqlite_catalogue_t::expired_lookups(uint64_t now, size_t mos
         std::vector<ulid_t> ids;
         statement_t rows =
             reader->prepare("SELECT id FROM captures WHERE lookup_until > 0 AND lookup_until < ? "
-                            "AND +state IN (?, ?, ?) ORDER BY lookup_until LIMIT ?");
+                            "AND +state IN (?, ?, ?) AND hold_at IS NULL ORDER BY lookup_until LIMIT ?");
         rows.bind(now);
         for (const capture_state_t over :
              {capture_state_t::FINISHED, capture_state_t::SEALED, capture_state_t::FAILED}) {
@@ -384,13 +384,16 @@ audit_page_t sqlite_catalogue_t::audit(uint64_t before, uint32_t limit)
 
 totals_t sqlite_catalogue_t::totals()
 {
-    const uint64_t oldest = with_reader([](connection_t *reader) {
+    const auto [oldest, leaving] = with_reader([](connection_t *reader) {
         statement_t row = reader->prepare("SELECT min(requested_at) FROM captures WHERE state = ?");
         row.bind(static_cast<uint64_t>(capture_state_t::SEALED));
-        return row.step() ? row.number() : 0;
+        statement_t sum = reader->prepare("SELECT total(file_bytes) FROM captures WHERE open = 1 AND +state = ?");
+        sum.bind(static_cast<uint64_t>(capture_state_t::DELETED));
+        return std::pair(row.step() ? row.number() : 0, sum.step() ? sum.number() : 0);
     });
     hold_lock_t counting(counting_);
     totals_t totals = totals_;
+    totals.leaving_bytes = leaving;
     totals.oldest_sealed = oldest;
     return totals;
 }

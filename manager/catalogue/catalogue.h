@@ -57,6 +57,7 @@ struct totals_t {
     uint64_t sealed_bytes = 0;                               // of those that are sealed now
     uint64_t sealed_bytes_ever = 0;                          // also of those deleted since
     uint64_t deleted_bytes_ever = 0;
+    uint64_t leaving_bytes = 0; // of those that are deleted, but whose files are still there
     uint64_t oldest_sealed = 0; // requested_at; 0: none
 };
 
@@ -92,7 +93,7 @@ public:
     virtual std::unordered_map<ulid_t, capture_state_t> states(const std::vector<ulid_t> &ids) = 0;
     virtual std::vector<candidate_t> oldest_sealed(size_t most) = 0; // by requested_at
     virtual std::vector<ulid_t> expired_lookups(uint64_t now,
-                                                size_t most) = 0; // over, lookup_until before now
+                                                size_t most) = 0; // over, no hold, lookup_until before now
     virtual std::optional<kept_answer_t> kept_answer(const std::string &who, const std::string &key,
                                                      uint64_t now) = 0;
     virtual audit_page_t audit(uint64_t before, uint32_t limit) = 0; // before 0: from the newest

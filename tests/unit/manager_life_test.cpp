@@ -7,9 +7,12 @@
 #include "common/clock.h"
 
 #include <algorithm>
+#include <atomic>
 #include <deque>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <random>
+#include <unistd.h>
 
 using namespace kestrune;
 using namespace kestrune::manager;
@@ -592,7 +595,65 @@ void world_t::check_end()
     }
 }
 
+// An archive of sealed captures, of 100 bytes each; a deletion makes room when it is done, not when it is decided.
+class full_archive_t : public no_archive_t {
+public:
+    std::atomic<uint64_t> measured = 0;
+    std::atomic<uint64_t> free = 0;
+    void bury(const ulid_t &, const std::string &, uint64_t) override { free += 100; }
+    archive_view_t measure(uint64_t, uint64_t, uint64_t, uint64_t) override
+    {
+        archive_view_t view;
+        view.min_free_bytes = 300;
+        view.free_bytes = view.archive_free_bytes = free;
+        ++measured;
+        return view;
+    }
+};
+
 } // namespace
+
+TEST(manager_retention, DeletesNoMoreThanItNeedsAndEndsWhatRuns)
+{
+    std::string directory = "/tmp/retention-XXXXXX";
+    ASSERT_NE(mkdtemp(directory.data()), nullptr);
+    const std::unique_ptr<catalogue_t> catalogue = open_catalogue(directory + "/catalogue");
+    ulid_maker_t ids;
+    for (uint64_t i = 1; i <= 12; ++i) {
+        capture_t capture;
+        capture.id = ids.make(i);
+        capture.state = capture_state_t::SEALED;
+        capture.file = file_t{100, 1, ""};
+        capture.lookup_until = i <= 2 ? 1 : 0; // over, but on hold
+        capture.hold = i <= 2 ? std::optional(hold_t{"", "", 1}) : std::nullopt;
+        catalogue->commit({{&capture}, {}, {}}, durability_t::ORDERLY);
+    }
+    full_archive_t archive;
+    no_probes_t probes;
+    events_t events(1);
+    settings_t settings;
+    settings.archive.min_free_bytes = 300;
+    const auto captures = make_captures(settings, {catalogue.get(), &archive, &probes, &events});
+    captures->start();
+    const auto wait_for_looks = [&] { // at the disk, which come each second
+        for (const uint64_t seen = archive.measured; archive.measured < seen + 3;) {
+            usleep(10'000);
+        }
+    };
+    wait_for_looks();
+    EXPECT_EQ(archive.free, 300U);
+    EXPECT_EQ(captures->archive_view().room, room_t::ENOUGH);
+    for (const candidate_t &candidate : catalogue->oldest_sealed(100)) {
+        capture_t capture = catalogue->find(candidate.id).value();
+        capture.hold = hold_t{"", "", 1};
+        catalogue->commit({{&capture}, {}, {}}, durability_t::ORDERLY);
+    }
+    archive.free = 100;
+    wait_for_looks();
+    EXPECT_EQ(captures->archive_view().room, room_t::END_RUNNING) << "nothing can be deleted";
+    captures->stop();
+    std::filesystem::remove_all(directory);
+}
 
 TEST(manager_life, NothingPromisedIsLostOrRecordedTwice)
 {
