@@ -22,6 +22,7 @@ constexpr size_t READERS = 4;
 constexpr int LOG_PAGES = 2'000;
 constexpr int LOG_PAGES_MAX = 20'000;
 constexpr uint64_t EVERYTHING = INT64_MAX;
+const std::string SET_VERSION = "PRAGMA user_version = " + std::to_string(SCHEMA_VERSION);
 
 [[noreturn]] void fail_file(const std::filesystem::path &file, catalogue_failure_t failure,
                             const std::string &why)
@@ -135,7 +136,7 @@ void sqlite_catalogue_t::prepare_schema(const std::filesystem::path &file)
     if (version == 0) {
         transaction_t transaction(writer_.get(), "BEGIN IMMEDIATE");
         writer_->execute(SCHEMA);
-        writer_->execute(("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION)).c_str());
+        writer_->execute(SET_VERSION.c_str());
         transaction.commit();
     }
 }
@@ -185,6 +186,9 @@ void sqlite_catalogue_t::count_change(const capture_t &capture, totals_t *totals
 void sqlite_catalogue_t::write(const changes_t &changes, totals_t *totals)
 {
     transaction_t transaction(writer_.get(), "BEGIN IMMEDIATE");
+    if (changes.empty() && synchronous_) {
+        writer_->execute(SET_VERSION.c_str()); // the same as before, and yet a page that is written
+    }
     for (const capture_t *capture : changes.captures) {
         count_change(*capture, totals);
         write_capture(writer_.get(), *capture);
@@ -387,7 +391,8 @@ totals_t sqlite_catalogue_t::totals()
     const auto [oldest, leaving] = with_reader([](connection_t *reader) {
         statement_t row = reader->prepare("SELECT min(requested_at) FROM captures WHERE state = ?");
         row.bind(static_cast<uint64_t>(capture_state_t::SEALED));
-        statement_t sum = reader->prepare("SELECT total(file_bytes) FROM captures WHERE open = 1 AND +state = ?");
+        statement_t sum =
+            reader->prepare("SELECT total(file_bytes) FROM captures WHERE open = 1 AND +state = ?");
         sum.bind(static_cast<uint64_t>(capture_state_t::DELETED));
         return std::pair(row.step() ? row.number() : 0, sum.step() ? sum.number() : 0);
     });

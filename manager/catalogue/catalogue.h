@@ -79,7 +79,7 @@ constexpr uint64_t KEY_KEPT_NS = 86'400'000'000'000; // a day
 class catalogue_t {
 public:
     virtual ~catalogue_t() = default;
-    // All or nothing, in one transaction. Forgets kept answers that are older than a day now and then.
+    // All or nothing, in one transaction; nothing, DURABLE, shows whether the disk takes anything. Forgets kept answers that are older than a day now and then.
     virtual void commit(const changes_t &changes, durability_t durability) = 0;
 
     virtual std::optional<capture_t> find(const ulid_t &id) = 0;
