@@ -81,8 +81,13 @@ void part_life_t::ask_part(entry_t *entry, size_t part, ask_kind_t kind)
 
 void part_life_t::renew(entry_t *entry, size_t part)
 {
-    if (entry->runs[part].phase != phase_t::STANDS ||
-        entry->capture.parts[part].state != part_state_t::RECORDING) {
+    run_t &run = entry->runs[part];
+    if (run.phase == phase_t::SENT || run.phase == phase_t::FIND) {
+        book_->touch(*entry);
+        run.renew_wanted = true; // once DETAIL has its name
+        return;
+    }
+    if (run.phase != phase_t::STANDS || entry->capture.parts[part].state != part_state_t::RECORDING) {
         return;
     }
     book_->mark(*entry);
@@ -290,6 +295,8 @@ void part_life_t::record(entry_t *entry, size_t part, const detail_t &detail)
     }
     if (entry->capture.stop_at != 0 && !values.removed && !run.remove_out) {
         ask_part(entry, part, ask_kind_t::REMOVE);
+    } else if (std::exchange(run.renew_wanted, false) && entry->capture.stop_at == 0) {
+        renew(entry, part);
     }
 }
 
