@@ -124,7 +124,12 @@ public:
     void submit(const std::string &, batch_t) override {}
     void change(const std::string &, const probe_change_t &, std::function<void(std::string)>) override {}
     std::vector<probe_view_t> views() const override { return {}; }
-    std::optional<probe_view_t> view(const std::string &) const override { return {}; }
+    std::optional<probe_view_t> view(const std::string &) const override
+    {
+        probe_view_t view;
+        view.drops = drops_t{7, 7};
+        return view;
+    }
     std::optional<series_t> series(const std::string &, uint64_t, uint32_t) const override { return {}; }
 };
 
@@ -250,6 +255,7 @@ void world_t::check_edges(const capture_t *before, const capture_t &after)
         const part_state_t from = before->parts[i].state;
         const part_state_t to = after.parts[i].state;
         EXPECT_TRUE(from == to || EDGES.contains({from, to})) << text_of(from) << " to " << text_of(to);
+        EXPECT_TRUE(from == to || from == FAILED || to != FINISHED || after.parts[i].drops == drops_t{});
         EXPECT_FALSE(from == FAILED && to == FINISHED && after.parts[i].ended_by != ended_by_t::UNKNOWN);
     }
     EXPECT_EQ(after.state == capture_state_t::SEALED || after.state == capture_state_t::DELETED,
