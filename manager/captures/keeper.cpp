@@ -312,7 +312,12 @@ void keeper_t::sweep(const std::vector<raw_file_t> &files, sweep_result_t *resul
     for (const ulid_t &id : ids) {
         const auto state = states.find(id);
         if (state != states.end() && state->second == capture_state_t::SEALED) {
-            (void)archive_->remove_raw(id);
+            try {
+                (void)archive_->remove_raw(id);
+            } catch (const archive_error_t
+                         &error) { // of this one's manifest: the others are looked at all the same
+                result->error = error.what();
+            }
         } else if (state != states.end() && state->second != capture_state_t::DELETED) {
             result->unsealed.push_back(id);
         }
@@ -328,8 +333,12 @@ void keeper_t::sweep(const std::vector<raw_file_t> &files, sweep_result_t *resul
 
 bool keeper_t::is_source(const raw_file_t &file)
 {
-    const std::vector<std::string> sources = archive_->sources(file.id, file.probe);
-    return std::find(sources.begin(), sources.end(), file.name) != sources.end();
+    try {
+        const std::vector<std::string> sources = archive_->sources(file.id, file.probe);
+        return std::find(sources.begin(), sources.end(), file.name) != sources.end();
+    } catch (const archive_error_t &) { // told by the sweep
+        return true;
+    }
 }
 
 } // namespace kestrune::manager
