@@ -289,8 +289,9 @@ void part_life_t::record(entry_t *entry, size_t part, const detail_t &detail)
         values.live = live_t::RUNNING;
         values.percent = percent;
         values.live_packets = packets;
-        values.started_at =
-            stood(values) ? values.started_at : now_.wall - detail.fields.elapsed_s * NS_PER_S;
+        const uint64_t elapsed = std::min(detail.fields.elapsed_s * NS_PER_S, now_.wall);
+        values.started_at = // not before it was asked for, whatever the probe says
+            stood(values) ? values.started_at : std::max(now_.wall - elapsed, values.sent_at);
         follow(entry);
     }
     if (entry->capture.stop_at != 0 && !values.removed && !run.remove_out) {
