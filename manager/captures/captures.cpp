@@ -265,10 +265,11 @@ void captures_thread_t::turn(std::vector<item_t> items)
 void captures_thread_t::commit()
 {
     const changes_t changes = life_.changes();
-    if (changes.empty()) {
+    if (changes.empty() && is_writable_) {
         return;
     }
-    neighbours_.catalogue->commit(changes, life_.durability());
+    // One that failed is tried also when nothing waits: who looks at /readyz first would never send a request.
+    neighbours_.catalogue->commit(changes, changes.empty() ? durability_t::DURABLE : life_.durability());
     if (!is_writable_) {
         is_writable_ = true;
         neighbours_.events->end("catalogue", wall_now_ns());
@@ -280,6 +281,7 @@ void captures_thread_t::commit()
 void captures_thread_t::failed(std::vector<item_t> items, const catalogue_error_t &error)
 {
     life_.undo();
+    carry_out(life_.give_up()); // who waits for a part's answer has waited long enough
     if (is_writable_) {
         is_writable_ = false;
         log_error(std::string("the catalogue cannot be written: ") + error.what());

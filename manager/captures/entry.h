@@ -37,6 +37,7 @@ struct run_t {
     bool lost = false;             // a session ended while it stood
     bool looked = false;           // its files were looked for since it is in FIND
     bool files = false;            // there are some
+    bool renew_wanted = false;     // asked for while it was not known whether it stands
     bool told_over = false;        // a VISUAL came while an ADD was out
     uint8_t refusals = 0;          // ADDs that failed while LIST lacked the address
     std::optional<bool> shown;     // by the last LIST behind the ADD

@@ -18,6 +18,7 @@ constexpr uint64_t RAW_LIST_NS = 5'000'000'000;
 constexpr uint64_t REST_NS =
     10'000'000'000;                // files of a probe that is gone must not have changed for so long
 constexpr size_t CANDIDATES = 256; // looked at by retention at a time
+constexpr uint64_t DELETION_NS = 5'000'000'000; // so long room is awaited from what was chosen
 
 } // namespace
 
@@ -61,9 +62,7 @@ void keeper_t::give(std::vector<job_t> jobs)
 {
     const hold_lock_t held(lock_);
     for (job_t &job : jobs) {
-        const bool is_urgent =
-            std::holds_alternative<look_job_t>(job) || std::holds_alternative<bury_job_t>(job);
-        (is_urgent ? urgent_ : jobs_).push_back(std::move(job));
+        (std::holds_alternative<seal_job_t>(job) ? sealings_ : small_).push_back(std::move(job));
     }
     work_.notify_one();
 }
@@ -85,12 +84,15 @@ bool keeper_t::take(job_t *job)
         if (stop_) {
             return false;
         }
-        if (!jobs_.empty()) {
-            *job = std::move(jobs_.front());
-            jobs_.pop_front();
+        if (!small_.empty()) {
+            continue;
+        }
+        if (!sealings_.empty()) {
+            *job = std::move(sealings_.front());
+            sealings_.pop_front();
             return true;
         }
-        if (urgent_.empty() && !fresh_) {
+        if (!fresh_) {
             (void)work_.wait_until(lock_, std::chrono::steady_clock::now() + std::chrono::seconds(1));
         }
     }
@@ -109,21 +111,18 @@ void keeper_t::take_settings()
     archive_->configure(settings_.archive, settings_.probes);
 }
 
-bool keeper_t::take_urgent(job_t *job)
-{
-    const hold_lock_t held(lock_);
-    if (stop_ || urgent_.empty()) {
-        return false;
-    }
-    *job = std::move(urgent_.front());
-    urgent_.pop_front();
-    return true;
-}
-
 void keeper_t::between()
 {
-    job_t job;
-    while (take_urgent(&job)) {
+    for (;;) {
+        job_t job;
+        {
+            const hold_lock_t held(lock_);
+            if (stop_ || small_.empty()) {
+                break;
+            }
+            job = std::move(small_.front());
+            small_.pop_front();
+        }
         std::visit([this](const auto &what) { do_job(what); }, job);
     }
     if (!stop_ && (is_buried_ || monotonic_now_ns() >= measured_at_ + MEASURE_NS)) {
@@ -143,7 +142,9 @@ bool keeper_t::has_changed_lately(const capture_t &capture)
             continue;
         }
         for (const raw_file_t &file : archive_->raw_files(part.probe)) {
-            if (file.id == capture.id && file.mtime_ns + REST_NS > now) {
+            // One of the future was not written now: the clock was set back.
+            const bool is_fresh = file.mtime_ns + REST_NS > now && file.mtime_ns < now + REST_NS;
+            if (file.id == capture.id && is_fresh) {
                 return true;
             }
         }
@@ -183,6 +184,7 @@ void keeper_t::do_job(const raw_job_t &job)
     try {
         (void)archive_->remove_raw(job.id); // what stays is told by the sweep
         is_buried_ = true;
+        raw_listed_at_ = 0; // else they count twice, as raw and as sealed ones
     } catch (const archive_error_t &error) {
         log_warning("raw files of " + job.id.text() + ": " + error.what());
     }
@@ -195,6 +197,7 @@ void keeper_t::do_job(const bury_job_t &job)
         (void)archive_->remove_raw(job.id);
         archive_->bury(job.id, job.cause, job.at);
         is_buried_ = true;
+        raw_listed_at_ = 0;
     } catch (const archive_error_t &error) {
         result.error = error.what();
     }
@@ -233,38 +236,48 @@ void keeper_t::measure()
         }
     }
     try {
+        // Candidates first: one whose deletion is committed meanwhile is among both, never among neither.
+        const std::vector<candidate_t> oldest = catalogue_->oldest_sealed(CANDIDATES);
         const totals_t totals = catalogue_->totals();
         room_result_t result;
         result.view = archive_->measure(totals.sealed_bytes,
                                         totals.by_state[static_cast<size_t>(capture_state_t::SEALED)],
                                         totals.oldest_sealed, raw_bytes_);
-        result.victims = victims(result.view);
-        result.view.room = result.victims.empty() ? room_left(result.view) : room_t::ENOUGH;
+        result.victims = victims(oldest, result.view, totals.leaving_bytes);
+        chosen_at_ = result.victims.empty() ? chosen_at_ : now;
+        const bool makes_room =
+            !result.victims.empty() ||
+            (totals.leaving_bytes != 0 && now < chosen_at_ + DELETION_NS && chosen_at_ != 0);
+        result.view.room = makes_room ? room_t::ENOUGH : room_left(result.view);
+        add_lookups(&result.victims);
         told_(std::move(result));
     } catch (const std::runtime_error &error) { // of the archive or the catalogue
         log_warning(std::string("the room on the disk is not known: ") + error.what());
     }
 }
 
-// The files of earlier victims may lie there for long, where their deletion fails. Their room is counted as free: else
-// each look would choose others in their place, until nothing is left.
-std::vector<victim_t> keeper_t::victims(const archive_view_t &view)
+// The room of captures whose deletion is decided, but not done, is not free yet. It counts as if it were: else each
+// look at the disk until then would choose others in addition.
+std::vector<victim_t> keeper_t::victims(const std::vector<candidate_t> &oldest, archive_view_t view,
+                                        uint64_t leaving_bytes)
 {
-    std::vector<sealed_entry_t> oldest;
-    for (const candidate_t &candidate : catalogue_->oldest_sealed(CANDIDATES)) {
+    std::vector<sealed_entry_t> entries;
+    for (const candidate_t &candidate : oldest) {
         if (!archive_->is_read(candidate.id)) {
-            oldest.push_back({candidate.id, candidate.sealed_at, candidate.bytes});
+            entries.push_back({candidate.id, candidate.sealed_at, candidate.bytes});
         }
     }
-    archive_view_t soon = view;
-    soon.archive_free_bytes += catalogue_->doomed_bytes();
-    std::vector<victim_t> victims = choose_victims(oldest, soon, settings_.archive, wall_now_ns());
+    view.archive_free_bytes += leaving_bytes;
+    return choose_victims(entries, view, settings_.archive, wall_now_ns());
+}
+
+void keeper_t::add_lookups(std::vector<victim_t> *victims)
+{
     for (const ulid_t &id : catalogue_->expired_lookups(wall_now_ns(), CANDIDATES)) {
         if (!archive_->is_read(id)) {
-            victims.push_back({id, "a lookup that was not kept"});
+            victims->push_back({id, "a lookup that was not kept"});
         }
     }
-    return victims;
 }
 
 void keeper_t::list_raw(const std::string &probe, bool is_sweep)
@@ -290,6 +303,7 @@ void keeper_t::list_raw(const std::string &probe, bool is_sweep)
 void keeper_t::sweep(const std::vector<raw_file_t> &files, sweep_result_t *result)
 {
     std::vector<ulid_t> ids;
+    ids.reserve(files.size());
     for (const raw_file_t &file : files) {
         ids.push_back(file.id);
     }
@@ -322,7 +336,7 @@ bool keeper_t::is_source(const raw_file_t &file)
     try {
         const std::vector<std::string> sources = archive_->sources(file.id, file.probe);
         return std::find(sources.begin(), sources.end(), file.name) != sources.end();
-    } catch (const archive_error_t &) { // a damaged manifest, which the sweep tells
+    } catch (const archive_error_t &) { // told by the sweep
         return true;
     }
 }

@@ -1,8 +1,9 @@
 // The keeper: the archive's work, one job after the other, and between them what is due: each second the room on
-// the disk and what retention chooses, each minute the sweep of the raw directories.
+// the disk and what retention chooses, each minute the sweep of the raw directories. What makes room goes before what
+// needs it: deletions wait for no sealing.
 //
 // Threads: one, begun by start and ended by stop; give is for any. A long sealing asks the same "what is due?"
-// at its packets, so that looks and the disk are not held up by it.
+// at its packets, so that all else is not held up by it.
 #pragma once
 
 #include "captures/notes.h"
@@ -32,9 +33,8 @@ public:
 
 private:
     void run();
-    bool take(job_t *job);        // false: stop
-    bool take_urgent(job_t *job); // false: none
-    void between();               // what is due; also in the middle of a sealing
+    bool take(job_t *job); // false: stop
+    void between();        // what is due; also in the middle of a sealing
     void take_settings();
     void do_job(const seal_job_t &job);
     void do_job(const raw_job_t &job);
@@ -42,7 +42,10 @@ private:
     void do_job(const look_job_t &job);
     bool has_changed_lately(const capture_t &capture);
     void measure();
-    std::vector<victim_t> victims(const archive_view_t &view);
+    // Of the oldest captures; `leaving_bytes` are being deleted already.
+    std::vector<victim_t> victims(const std::vector<candidate_t> &oldest, archive_view_t view,
+                                  uint64_t leaving_bytes);
+    void add_lookups(std::vector<victim_t> *victims); // those that are over and were not kept
     void list_raw(const std::string &probe, bool is_sweep);
     void sweep(const std::vector<raw_file_t> &files, sweep_result_t *result);
     bool is_source(const raw_file_t &file); // its capture's manifest names it
@@ -55,9 +58,8 @@ private:
 
     lock_t lock_;
     condition_t work_;
-    std::deque<job_t> jobs_ KS_GUARDED_BY(lock_);
-    // Looks and deletions: before all others, and in the middle of a sealing, which needs the room.
-    std::deque<job_t> urgent_ KS_GUARDED_BY(lock_);
+    std::deque<job_t> sealings_ KS_GUARDED_BY(lock_);
+    std::deque<job_t> small_ KS_GUARDED_BY(lock_); // all others, which go first
     std::optional<settings_t> fresh_ KS_GUARDED_BY(lock_);
 
     // The thread's own.
@@ -66,6 +68,7 @@ private:
     uint64_t swept_at_ = 0;
     uint64_t raw_listed_at_ = 0;
     uint64_t raw_bytes_ = 0;
+    uint64_t chosen_at_ = 0; // retention chose something
     bool is_buried_ = false; // a job since the last measure made or freed room
 };
 

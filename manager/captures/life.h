@@ -61,7 +61,7 @@ public:
     void undo(); // answers nobody
 
     bool is_idle() const { return book_.size() == 0; }
-    effects_t give_up(); // the manager stops: answers everyone who waits
+    effects_t give_up(); // answers everyone who waits: the manager stops, or cannot go on
 
 private:
     struct waiter_t { // a request whose parts are not all answered
@@ -100,7 +100,10 @@ private:
     void see(const updated_t &seen);
     void see_orphan(const std::string &probe, const asker_t &asker, const answer_t &answer);
     // function(entry, part) for the parts of a probe that are not over.
-    void for_parts(const std::string &probe, const std::function<void(entry_t *, size_t)> &function);
+    using part_function_t = std::function<void(entry_t *, size_t)>;
+    void for_parts(const std::string &probe, const part_function_t &function);
+    // The same for the parts whose rule this is; a look-up, since updates come by the thousand.
+    void for_rule(const std::string &probe, uint32_t rule, const part_function_t &function);
     bool is_explained(const std::string &probe, const ip_addr_t &addr); // by a part that is not over
     void see_visual(const std::string &probe, const visual_t &visual);
 
@@ -112,6 +115,7 @@ private:
     void see(const room_result_t &seen);
     void seal(entry_t *entry, const sealed_t &sealed);
     void tick_entry(entry_t *entry);
+    void note_drops(part_t *part);
 
     // After the commit.
     void settle_asks(effects_t *effects);

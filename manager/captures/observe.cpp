@@ -31,12 +31,30 @@ std::optional<ulid_t> capture_of(const visual_t &visual)
 
 } // namespace
 
-void life_t::for_parts(const std::string &probe, const std::function<void(entry_t *, size_t)> &function)
+void life_t::for_parts(const std::string &probe, const part_function_t &function)
 {
     for (const auto &[id, entry] : book_.entries()) {
         for (size_t i = 0; i < entry->runs.size(); ++i) {
             if (entry->runs[i].phase != phase_t::OVER && entry->capture.parts[i].probe == probe) {
                 function(entry.get(), i);
+            }
+        }
+    }
+}
+
+void life_t::for_rule(const std::string &probe, uint32_t rule, const part_function_t &function)
+{
+    const auto &rules = tracks_[probe].rules;
+    const auto found = rules.find(rule);
+    if (found == rules.end()) {
+        return;
+    }
+    for (const ulid_t &id : book_.of(found->second)) {
+        entry_t *entry = book_.find(id);
+        for (size_t i = 0; i < entry->runs.size(); ++i) {
+            const run_t &run = entry->runs[i];
+            if (run.phase != phase_t::OVER && run.rule == rule && entry->capture.parts[i].probe == probe) {
+                function(entry, i);
             }
         }
     }
@@ -67,6 +85,7 @@ void life_t::see(const session_ended_t &seen)
     track_t &track = tracks_[seen.probe];
     if (seen.updates) {
         track.updates = 0;
+        track.rules.clear();
         for_parts(seen.probe,
                   [this](entry_t *entry, size_t part) { // rule ids may mean other rules from now on
                       book_.touch(*entry);
@@ -137,6 +156,9 @@ void life_t::see(const listed_t &seen)
     std::erase_if(track.asked, [&](const ip_addr_t &addr) {
         return !shown.contains(addr) || is_explained(seen.probe, addr);
     });
+    std::erase_if(track.rules, [&](const auto &rule) {
+        return !shown.contains(rule.second) && !is_explained(seen.probe, rule.second);
+    });
     for (const ip_addr_t &addr : shown) {
         if (!is_explained(seen.probe, addr) && track.to_ask.size() < TO_ASK_MAX &&
             track.asked.insert(addr).second) {
@@ -176,15 +198,15 @@ void life_t::see(const updated_t &seen)
             for (size_t i = 0; i < entry->runs.size(); ++i) {
                 if (entry->capture.parts[i].probe == seen.probe) {
                     parts_.incident(entry, i, incident->rule_id);
+                    if (entry->runs[i].rule == incident->rule_id) {
+                        tracks_[seen.probe].rules[incident->rule_id] = incident->addr;
+                    }
                 }
             }
         }
     } else if (const auto *progress = std::get_if<msg_update_capture_t>(&seen.update)) {
-        for_parts(seen.probe, [&](entry_t *entry, size_t part) {
-            if (entry->runs[part].rule == progress->rule_id) {
-                parts_.progress(entry, part, progress->progress);
-            }
-        });
+        for_rule(seen.probe, progress->rule_id,
+                 [&](entry_t *entry, size_t part) { parts_.progress(entry, part, progress->progress); });
     } else if (const auto *visual = std::get_if<visual_t>(&seen.update)) {
         see_visual(seen.probe, *visual);
     }
@@ -193,11 +215,15 @@ void life_t::see(const updated_t &seen)
 void life_t::see_visual(const std::string &probe, const visual_t &visual)
 {
     const auto id = capture_of(visual);
-    for_parts(probe, [&](entry_t *entry, size_t part) {
-        if (id ? entry->capture.id == *id : entry->runs[part].rule == visual.rule_id) {
-            parts_.visual(entry, part, visual);
+    entry_t *entry = id ? book_.find(*id) : nullptr;
+    for (size_t i = 0; entry != nullptr && i < entry->runs.size(); ++i) {
+        if (entry->capture.parts[i].probe == probe) {
+            parts_.visual(entry, i, visual);
         }
-    });
+    }
+    if (!id) {
+        for_rule(probe, visual.rule_id, [&](entry_t *of, size_t part) { parts_.visual(of, part, visual); });
+    }
 }
 
 // The keeper.
@@ -342,10 +368,24 @@ void life_t::tick()
     }
 }
 
+// What the probe has lost since the part was asked for. A probe that counts anew tells nothing.
+void life_t::note_drops(part_t *part)
+{
+    const std::optional<drops_t> &begin = part->drops_begin;
+    const std::optional<drops_t> end = begin ? view_of(part->probe).drops : std::nullopt;
+    if (end && end->kernel >= begin->kernel && end->interface >= begin->interface) {
+        part->drops = drops_t{end->kernel - begin->kernel, end->interface - begin->interface};
+    }
+}
+
 void life_t::tick_entry(entry_t *entry)
 {
     for (size_t i = 0; i < entry->runs.size(); ++i) {
         parts_.tick(entry, i);
+        part_t &part = entry->capture.parts[i];
+        if (part.state == part_state_t::FINISHED && part.ended_at == now_.wall && !part.drops) {
+            note_drops(&part); // over in this turn, so it is written anyway
+        }
     }
     if (entry->sealing == sealing_t::LATER && now_.mono >= entry->seal_at) {
         book_.touch(*entry);

@@ -86,8 +86,13 @@ void part_life_t::ask_part(entry_t *entry, size_t part, ask_kind_t kind)
 
 void part_life_t::renew(entry_t *entry, size_t part)
 {
-    if (entry->runs[part].phase != phase_t::STANDS ||
-        entry->capture.parts[part].state != part_state_t::RECORDING) {
+    run_t &run = entry->runs[part];
+    if (run.phase == phase_t::SENT || run.phase == phase_t::FIND) {
+        book_->touch(*entry);
+        run.renew_wanted = true; // once DETAIL has its name
+        return;
+    }
+    if (run.phase != phase_t::STANDS || entry->capture.parts[part].state != part_state_t::RECORDING) {
         return;
     }
     book_->mark(*entry);
@@ -289,12 +294,15 @@ void part_life_t::record(entry_t *entry, size_t part, const detail_t &detail)
         values.live = live_t::RUNNING;
         values.percent = percent;
         values.live_packets = packets;
-        values.started_at =
-            stood(values) ? values.started_at : now_.wall - detail.fields.elapsed_s * NS_PER_S;
+        const uint64_t elapsed = std::min(detail.fields.elapsed_s * NS_PER_S, now_.wall);
+        values.started_at = // not before it was asked for, whatever the probe says
+            stood(values) ? values.started_at : std::max(now_.wall - elapsed, values.sent_at);
         follow(entry);
     }
     if (entry->capture.stop_at != 0 && !values.removed && !run.remove_out) {
         ask_part(entry, part, ask_kind_t::REMOVE);
+    } else if (std::exchange(run.renew_wanted, false) && entry->capture.stop_at == 0) {
+        renew(entry, part);
     }
 }
 

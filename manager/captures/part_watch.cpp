@@ -43,6 +43,10 @@ void part_life_t::listed(entry_t *entry, size_t part, uint64_t session, bool sho
     if (run.phase == phase_t::OVER || run.add_out || session != track_of(*entry, part).session) {
         return;
     }
+    const bool is_as_before = run.phase == phase_t::STANDS && shown && !run.detail_refused;
+    if (is_as_before) {
+        return; // as most parts are at most times: no copy for an undoing
+    }
     book_->touch(*entry);
     switch (run.phase) {
     case phase_t::WAITING:
@@ -85,6 +89,8 @@ void part_life_t::listed_sent(entry_t *entry, size_t part, bool shown)
         ask_part(entry, part, ask_kind_t::DETAIL); // whose rule is it?
     } else if (++run.refusals >= 2) {
         fail(entry, part, "refused by the probe");
+    } else if (entry->capture.stop_at != 0) {
+        fail(entry, part, "stopped before it began");
     } else {
         send(entry, part);
     }

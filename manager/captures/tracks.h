@@ -29,6 +29,7 @@ struct track_t {
     ulid_t polled;            // the last one in turn
     bool look_wanted = false; // for files of its parts
     bool look_out = false;
+    std::unordered_map<uint32_t, ip_addr_t> rules;    // of our parts, by id in this session of updates
     std::unordered_set<ip_addr_t, addr_hash_t> asked; // unexplained rules whose name was asked for
     std::vector<ip_addr_t> to_ask;
 };

@@ -22,6 +22,7 @@ constexpr size_t READERS = 4;
 constexpr int LOG_PAGES = 2'000;
 constexpr int LOG_PAGES_MAX = 20'000;
 constexpr uint64_t EVERYTHING = INT64_MAX;
+const std::string SET_VERSION = "PRAGMA user_version = " + std::to_string(SCHEMA_VERSION);
 
 [[noreturn]] void fail_file(const std::filesystem::path &file, catalogue_failure_t failure,
                             const std::string &why)
@@ -71,7 +72,6 @@ public:
     std::vector<capture_t> unfinished() override;
     std::unordered_map<ulid_t, capture_state_t> states(const std::vector<ulid_t> &ids) override;
     std::vector<candidate_t> oldest_sealed(size_t most) override;
-    uint64_t doomed_bytes() override;
     std::vector<ulid_t> expired_lookups(uint64_t now, size_t most) override;
     std::optional<kept_answer_t> kept_answer(const std::string &who, const std::string &key,
                                              uint64_t now) override;
@@ -97,7 +97,7 @@ private:
     lock_t writing_;
     std::unique_ptr<connection_t> writer_ KS_GUARDED_BY(writing_);
     bool synchronous_ KS_GUARDED_BY(writing_) = false; // each commit reaches the disk
-    totals_t counted_ KS_GUARDED_BY(writing_);         // without oldest_sealed
+    totals_t counted_ KS_GUARDED_BY(writing_);         // without leaving_bytes and oldest_sealed
     lock_t counting_;
     totals_t totals_ KS_GUARDED_BY(counting_); // the same, for those who must not wait for the disk
     lock_t reading_;
@@ -136,7 +136,7 @@ void sqlite_catalogue_t::prepare_schema(const std::filesystem::path &file)
     if (version == 0) {
         transaction_t transaction(writer_.get(), "BEGIN IMMEDIATE");
         writer_->execute(SCHEMA);
-        writer_->execute(("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION)).c_str());
+        writer_->execute(SET_VERSION.c_str());
         transaction.commit();
     }
 }
@@ -186,6 +186,9 @@ void sqlite_catalogue_t::count_change(const capture_t &capture, totals_t *totals
 void sqlite_catalogue_t::write(const changes_t &changes, totals_t *totals)
 {
     transaction_t transaction(writer_.get(), "BEGIN IMMEDIATE");
+    if (changes.empty() && synchronous_) {
+        writer_->execute(SET_VERSION.c_str()); // the same as before, and yet a page that is written
+    }
     for (const capture_t *capture : changes.captures) {
         count_change(*capture, totals);
         write_capture(writer_.get(), *capture);
@@ -326,23 +329,13 @@ std::vector<candidate_t> sqlite_catalogue_t::oldest_sealed(size_t most)
     });
 }
 
-uint64_t sqlite_catalogue_t::doomed_bytes()
-{
-    return with_reader([](connection_t *reader) {
-        statement_t sum = reader->prepare(
-            "SELECT COALESCE(SUM(file_bytes), 0) FROM captures WHERE open = 1 AND +state = ?");
-        sum.bind(static_cast<uint64_t>(capture_state_t::DELETED));
-        return sum.step() ? sum.number() : 0;
-    });
-}
-
 std::vector<ulid_t> sqlite_catalogue_t::expired_lookups(uint64_t now, size_t most)
 {
     return with_reader([now, most](connection_t *reader) {
         std::vector<ulid_t> ids;
         statement_t rows =
             reader->prepare("SELECT id FROM captures WHERE lookup_until > 0 AND lookup_until < ? "
-                            "AND +state IN (?, ?, ?) ORDER BY lookup_until LIMIT ?");
+                            "AND +state IN (?, ?, ?) AND hold_at IS NULL ORDER BY lookup_until LIMIT ?");
         rows.bind(now);
         for (const capture_state_t over :
              {capture_state_t::FINISHED, capture_state_t::SEALED, capture_state_t::FAILED}) {
@@ -395,13 +388,17 @@ audit_page_t sqlite_catalogue_t::audit(uint64_t before, uint32_t limit)
 
 totals_t sqlite_catalogue_t::totals()
 {
-    const uint64_t oldest = with_reader([](connection_t *reader) {
+    const auto [oldest, leaving] = with_reader([](connection_t *reader) {
         statement_t row = reader->prepare("SELECT min(requested_at) FROM captures WHERE state = ?");
         row.bind(static_cast<uint64_t>(capture_state_t::SEALED));
-        return row.step() ? row.number() : 0;
+        statement_t sum =
+            reader->prepare("SELECT total(file_bytes) FROM captures WHERE open = 1 AND +state = ?");
+        sum.bind(static_cast<uint64_t>(capture_state_t::DELETED));
+        return std::pair(row.step() ? row.number() : 0, sum.step() ? sum.number() : 0);
     });
     hold_lock_t counting(counting_);
     totals_t totals = totals_;
+    totals.leaving_bytes = leaving;
     totals.oldest_sealed = oldest;
     return totals;
 }

@@ -57,6 +57,7 @@ struct totals_t {
     uint64_t sealed_bytes = 0;                               // of those that are sealed now
     uint64_t sealed_bytes_ever = 0;                          // also of those deleted since
     uint64_t deleted_bytes_ever = 0;
+    uint64_t leaving_bytes = 0; // of those that are deleted, but whose files are still there
     uint64_t oldest_sealed = 0; // requested_at; 0: none
 };
 
@@ -78,7 +79,7 @@ constexpr uint64_t KEY_KEPT_NS = 86'400'000'000'000; // a day
 class catalogue_t {
 public:
     virtual ~catalogue_t() = default;
-    // All or nothing, in one transaction. Forgets kept answers that are older than a day now and then.
+    // All or nothing, in one transaction; nothing, DURABLE, shows whether the disk takes anything. Forgets kept answers that are older than a day now and then.
     virtual void commit(const changes_t &changes, durability_t durability) = 0;
 
     virtual std::optional<capture_t> find(const ulid_t &id) = 0;
@@ -91,10 +92,8 @@ public:
     // States of these; unknown ids are left out.
     virtual std::unordered_map<ulid_t, capture_state_t> states(const std::vector<ulid_t> &ids) = 0;
     virtual std::vector<candidate_t> oldest_sealed(size_t most) = 0; // by requested_at
-    virtual uint64_t
-    doomed_bytes() = 0; // of sealed files that are still there, though their captures are deleted
     virtual std::vector<ulid_t> expired_lookups(uint64_t now,
-                                                size_t most) = 0; // over, lookup_until before now
+                                                size_t most) = 0; // over, no hold, lookup_until before now
     virtual std::optional<kept_answer_t> kept_answer(const std::string &who, const std::string &key,
                                                      uint64_t now) = 0;
     virtual audit_page_t audit(uint64_t before, uint32_t limit) = 0; // before 0: from the newest

@@ -15,7 +15,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr size_t PROBES_MAX = 64;
-constexpr uint64_t MIB = 1024 * 1024;
+constexpr uint64_t MIB = 1024ULL * 1024;
 constexpr uint64_t MIB_MAX = std::numeric_limits<int64_t>::max() / MIB;
 constexpr uint64_t SECONDS_MAX = 604'800;
 constexpr uint64_t ADDRESSES_MAX = 1000;

@@ -16,7 +16,7 @@ namespace kestrune::manager {
 namespace {
 
 constexpr uint64_t TURN_MAX_NS = 10 * NS_PER_S; // since the captures thread last turned
-constexpr uint64_t SERIES_NS = 24 * 3600 * NS_PER_S;
+constexpr uint64_t SERIES_NS = 24ULL * 3600 * NS_PER_S;
 constexpr size_t KEY_MAX = 128; // characters of an Idempotency-Key
 constexpr uint32_t STEP_UNIT_S = 10;
 

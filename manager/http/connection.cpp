@@ -13,7 +13,7 @@ namespace {
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 
-constexpr size_t BUFFER_MAX = 2 * HEADER_MAX; // a header and what came behind it
+constexpr size_t BUFFER_MAX = size_t{2} * HEADER_MAX; // a header and what came behind it
 constexpr std::chrono::seconds WORK_TIME{60};
 constexpr std::string_view CONTINUE = "HTTP/1.1 100 Continue\r\n\r\n";
 

@@ -205,7 +205,7 @@ http_engine_t::http_engine_t(const engine_settings_t &settings, gate_t *gate, ev
     inside_ = std::make_shared<inside_t>(settings, std::move(shared));
 }
 
-http_engine_t::~http_engine_t()
+http_engine_t::~http_engine_t() // NOLINT(bugprone-exception-escape): a lock that fails may end the program
 {
     stop();
 }

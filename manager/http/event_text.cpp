@@ -9,7 +9,7 @@ namespace {
 
 constexpr size_t WRITTEN_MAX = 512;                  // events whose text is kept
 constexpr size_t EVENTS_AT_ONCE = 256;               // taken from the log
-constexpr size_t TEXT_AT_ONCE = 64 * 1024;           // bytes after which a listener gets no more at once
+constexpr size_t TEXT_AT_ONCE = size_t{64} * 1024;   // bytes after which a listener gets no more at once
 constexpr const char *BEGINNING = "retry: 2000\n\n"; // milliseconds until a browser asks again
 
 // EPOCH-NUMBER.

@@ -22,7 +22,7 @@ tickets_t::digest_t tickets_t::digest_of(std::string_view ticket)
 
 std::string tickets_t::make(const ulid_t &id, const std::string &who)
 {
-    const std::string text = random_hex(TICKET_BYTES);
+    std::string text = random_hex(TICKET_BYTES);
     const auto now = std::chrono::steady_clock::now();
     const hold_lock_t hold(lock_);
     std::erase_if(tickets_, [now](const auto &item) { return item.second.until <= now; });

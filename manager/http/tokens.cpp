@@ -15,7 +15,7 @@
 namespace kestrune::manager {
 namespace {
 
-constexpr size_t FILE_MAX = 1024 * 1024; // bytes
+constexpr size_t FILE_MAX = size_t{1024} * 1024; // bytes
 constexpr size_t NAME_MAX_SIZE = 63;
 constexpr size_t TOKEN_MIN = 20;
 constexpr size_t TOKEN_MAX = 256;

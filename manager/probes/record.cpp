@@ -42,7 +42,7 @@ record_t::record_t(const probe_settings_t &settings, uint32_t min_reach_s, event
 
 void record_t::retire()
 {
-    for (const char *alarm : {"probe-down/", "reach/", "drops/"}) {
+    for (const char *alarm : {"probe-down/", "reach/", "drops/", "files/"}) {
         events_->end(alarm + name_, wall_now_ns());
     }
 }
