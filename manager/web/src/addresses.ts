@@ -9,7 +9,7 @@ export type Found = {addresses: string[]; wrong: Wrong[]};
 const SEPARATORS = /[\s,;|"'`<>(){}=]+/;
 // Digits and dots; or hexadecimal digits and at least two colons, perhaps with an IPv4 address at its end.
 const CANDIDATE = /(?<![\w.:-])(?:\d+(?:\.\d+){3,4}(?:\/\d+)?(?::\d+)?|\[?[0-9a-f]{0,4}(?::[0-9a-f]{0,4}){2,}(?:\.\d+){0,3}(?:%[\w.-]+)?\]?(?::\d+)?(?:\/\d+)?)(?![\w:-])/gi;
-const MAC = /^[0-9a-f]{2}(?::[0-9a-f]{2}){5}$/i;
+const MAC = /^[0-9a-f]{2}(?::[0-9a-f]{2}){5,}$/i; // or the header that a packet filter logs
 const CLOCK = /^\d{1,4}:\d{2}:\d{2}(?:\.\d+)?$/;
 const LIST_WORDS_MAX = 3; // on a line without any address: more of them are prose
 
