@@ -31,7 +31,7 @@ const MESSAGE_MS = 8000;
 export const UNDO_MS = 10_000;
 
 let state: State = {
-    signedIn: token() !== "",
+    signedIn: false,
     connection: "connecting",
     lostSince: null,
     loaded: false,
@@ -235,7 +235,8 @@ export function start(): void {
     whenRefused(signOut);
     window.addEventListener("online", () => follower?.hurry());
     document.addEventListener("visibilitychange", () => follower?.hurry());
-    if (state.signedIn) {
+    if (token() !== "") {
+        change({signedIn: true});
         follow();
     }
 }

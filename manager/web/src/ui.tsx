@@ -54,7 +54,7 @@ export function Count({value}: {value: number}) {
 export function Title({text, children}: {text: string; children?: ComponentChildren}) {
     const heading = useRef<HTMLHeadingElement>(null);
     useEffect(() => {
-        document.title = `${text} · kestrune`;
+        document.title = text === "kestrune" ? text : `${text} · kestrune`;
         if (document.activeElement === document.body || document.activeElement?.closest("nav")) {
             heading.current?.focus();
         }
