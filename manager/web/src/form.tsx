@@ -216,7 +216,7 @@ export function CaptureForm({short}: {short?: boolean}) {
             {wrong || many ? <p class="loss" role="alert">{wrong || `At most ${countText(ADDRESSES_MAX)} addresses at once.`}</p> : null}
             <div class="actions">
                 <Button kind="primary" disabled={blocked} action={look}>Look first</Button>
-                <span class="explain">Shows what the rings hold, and keeps nothing unless you say so. {reachOf(chosen)}</span>
+                <span class="explain">Shows at once what passed already. {reachOf(chosen)} Nothing is kept unless you say so.</span>
                 <Button disabled={blocked || wrong !== ""} action={start}>Record</Button>
                 <span class="explain">
                     {wrong ? "" : limitsInWords(limits)}{" "}

@@ -145,8 +145,8 @@ function ProbeCard({probe, range}: {probe: Probe; range: (typeof RANGES)[number]
             </p>
             {points && <ReachPlot probe={probe.name} points={points} range={`${range.hours}`} />}
             <dl class="figures">
-                <Figure title="Packets a second" value={rateText(lastOf(packets), "/s")} values={packets} />
-                <Figure title="Dropped a second" value={rateText(lastOf(drops), "/s")} values={drops} />
+                <Figure title="Packets" value={rateText(lastOf(packets), "/s")} values={packets} />
+                <Figure title="Dropped" value={rateText(lastOf(drops), "/s")} values={drops} />
                 <div class="figure">
                     <dt>Recording now</dt>
                     <dd class="number">{probe.rules === null ? "unknown" : plural(probe.rules, "address", "addresses")}</dd>
@@ -263,13 +263,13 @@ function Alarms({alarms}: {alarms: Alarm[]}) {
     return (
         <section aria-labelledby="alarms" class={alarms.length > 0 ? "panel" : "hidden"}>
             <h2 id="alarms">Alarms</h2>
-            <ul class="alarms" role="log" aria-live="polite" aria-labelledby="alarms">
+            <div aria-live="polite"><ul class="alarms">
                 {alarms.map((alarm) => (
                     <li key={alarm.key} class={`alarm-${alarm.severity}`}>
-                        <b>{alarm.severity}</b> <span>{alarm.text}</span> <span class="hint">since <Time time={alarm.since} /></span>
+                        <b>{alarm.severity}</b> <span>{alarm.probe ? `${alarm.probe}: ` : ""}{alarm.text}</span> <span class="hint">since <Time time={alarm.since} /></span>
                     </li>
                 ))}
-            </ul>
+            </ul></div>
         </section>
     );
 }

@@ -196,7 +196,7 @@ function Conversations({summary}: {summary: Summary}) {
     return (
         <section class="panel" aria-labelledby="conversations">
             <h2 id="conversations">Conversations</h2>
-            <div class="scroll-x" tabIndex={0} role="region" aria-labelledby="conversations">
+            <div class="scroll-x" tabIndex={0} role="group" aria-label="Conversations, the largest first">
                 <table class="plain">
                     <thead>
                         <tr>

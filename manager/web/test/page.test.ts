@@ -33,6 +33,8 @@ async function sealed(id: string): Promise<void> {
 }
 
 async function recordHistory(address: string, reason: string): Promise<string> {
+    // A capture that runs would serve this request, too.
+    await until("nothing runs", async () => (await captures("state=requested,recording,searching")).length === 0);
     const {captures: [capture]} = await site.api<CapturePage>("POST", "/captures", {addresses: [address], history_only: true, reason});
     await sealed(capture!.id);
     return capture!.id;
@@ -166,6 +168,7 @@ test("a probe goes and comes back, the manager is restarted under the page, and 
     assert.deepEqual(await show(page, "overview-probe-down"), []);
     await site.probe.start();
     await card.getByText("up", {exact: true}).waitFor();
+    await until("the history is back", async () => (await site.api<{history: {packets: number} | null}>("GET", "/probes/uplink-a")).history?.packets !== 0);
     await site.manager.stop();
     await page.getByText(/connection lost/).first().waitFor();
     await ask(page, IPV4);
@@ -266,7 +269,7 @@ test("names and errors never become markup", async () => {
     await page.route(/\/api\/v1\/(probes$|captures|alarms|lookups)/, async (route) => {
         const response = await route.fetch();
         const text = await response.text();
-        await route.fulfill({response, body: text.startsWith("{") ? JSON.stringify(poison(JSON.parse(text))) : text});
+        await route.fulfill({response, body: response.ok() && text.startsWith("{") ? JSON.stringify(poison(JSON.parse(text))) : text});
     });
     await page.route("**/events", (route) => route.abort());
     for (const hash of ["/", "/new", "/captures", `/captures/${id}`]) {
