@@ -237,7 +237,7 @@ function Head({capture}: {capture: Capture}) {
             <span class="buttons">
                 {runs(capture.state) && !waiting && <Button kind="primary" action={press}>Stop and download</Button>}
                 {sealed && <Button kind="primary" action={save}>Download</Button>}
-                <CaptureActions row={{id: capture.id, address: capture.address, state: sealed ? "sealed" : capture.state, hold: capture.hold !== null, elsewhere}} />
+                <CaptureActions saves row={{id: capture.id, address: capture.address, state: sealed ? "sealed" : capture.state, hold: capture.hold !== null, elsewhere}} />
             </span>
         </div>
     );

@@ -8,7 +8,7 @@ import {Bar, Button, runs, StateMark, stateWord, Time, Title} from "./ui";
 
 const PAGE = 200;
 const AHEAD = 100; // rows from the end at which the next page is asked for
-const OVERSCAN = 6;
+const OVERSCAN = 3;
 const ROW = 40; // pixels
 const NARROW_ROW = 92;
 const TYPING_MS = 250;
@@ -79,9 +79,13 @@ function useRows(filter: CaptureFilter): {rows: Rows; more: () => void; error: s
         try {
             const page = await api.captures(filterQuery(now.filter, first ? null : now.rows.next, PAGE));
             if (number === now.number) {
-                const before = first ? [] : now.rows.list;
-                const list = [...before, ...page.captures.map(rowOf)];
-                now.rows = {list, next: page.next ?? null, done: !page.next, known: new Set(list.map((row) => row.id))};
+                // Long lists grow in place: copying 100,000 rows for each page would be seen while scrolling.
+                const {list, known}: Pick<Rows, "list" | "known"> = first ? {list: [], known: new Set()} : now.rows;
+                for (const capture of page.captures) {
+                    list.push(rowOf(capture));
+                    known.add(capture.id);
+                }
+                now.rows = {list, next: page.next ?? null, done: !page.next, known};
                 setRows(now.rows);
                 setError("");
             }
@@ -130,13 +134,14 @@ async function act(what: string, action: () => Promise<unknown>): Promise<void> 
     }
 }
 
-export function CaptureActions({row}: {row: Pick<Row, "id" | "address" | "state" | "hold" | "elsewhere">}) {
+// `saves`: a download stands beside them already.
+export function CaptureActions({row, saves}: {row: Pick<Row, "id" | "address" | "state" | "hold" | "elsewhere">; saves?: boolean}) {
     const {id, address, state, hold} = row;
     const deletable = state === "sealed" || state === "failed" || (state === "finished" && row.elsewhere);
     return (
         <span class="buttons">
             {runs(state) && <Button kind="quiet" label={`Stop the capture of ${address}`} action={() => act("It was not stopped", () => api.stop(id))}>Stop</Button>}
-            {state === "sealed" && <Button kind="quiet" label={`Download the capture of ${address}`} action={() => act("It cannot be downloaded", () => download(id))}>Download</Button>}
+            {state === "sealed" && !saves && <Button kind="quiet" label={`Download the capture of ${address}`} action={() => act("It cannot be downloaded", () => download(id))}>Download</Button>}
             {state !== "deleted" && !runs(state) && (
                 <Button kind="quiet" label={hold ? `Release the capture of ${address}` : `Hold the capture of ${address}: never delete it`}
                     action={() => act("The hold was not changed", () => api.hold(id, !hold))}>{hold ? "Release" : "Hold"}</Button>
@@ -217,6 +222,11 @@ function Table({rows, more, filter, onSort}: {rows: Rows; more: () => void; filt
         observer.observe(box.current!);
         return () => observer.disconnect();
     }, []);
+    const frame = useRef(0);
+    const onScroll = () => { // at most once a frame
+        cancelAnimationFrame(frame.current);
+        frame.current = requestAnimationFrame(() => box.current && setView({top: box.current.scrollTop, height: box.current.clientHeight}));
+    };
     const first = Math.max(0, Math.floor(view.top / row) - OVERSCAN);
     const last = Math.min(rows.list.length, Math.ceil((view.top + view.height) / row) + OVERSCAN);
     useEffect(() => {
@@ -231,7 +241,7 @@ function Table({rows, more, filter, onSort}: {rows: Rows; more: () => void; filt
         <div class="table" role="table" aria-label="Captures" aria-rowcount={rows.done ? rows.list.length + 1 : -1}>
             <div role="rowgroup" class="table-head"><Head sort={filter.sort} onSort={onSort} /></div>
             <div ref={box} role="rowgroup" class="table-box" tabIndex={0}
-                onScroll={(event) => setView({top: event.currentTarget.scrollTop, height: event.currentTarget.clientHeight})}>
+                onScroll={onScroll}>
                 <div class="table-rows" role="presentation" style={{height: `${rows.list.length * row}px`}}>
                     {shown.map((one, index) => (
                         <RowView key={one.id} row={one} index={first + index} top={(first + index) * row} most={most}

@@ -279,7 +279,9 @@ test("names and errors never become markup", async () => {
         assert.equal(await page.evaluate(() => (window as unknown as {hacked?: number}).hacked), undefined);
         assert.equal(await page.locator("main img, main script").count(), 0);
     }
+    await page.goto(`${site.url}/#/new`);
     await ask(page, HOSTILE);
+    assert.equal(await page.locator("main img, main script").count(), 0);
     await page.goto(`${site.url}/#/captures/${HOSTILE}`);
     await page.getByText("There is nothing here.").waitFor();
     assert.deepEqual(errors, []);
