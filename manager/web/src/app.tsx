@@ -103,6 +103,7 @@ function Messages() {
 
 function SignIn() {
     const [value, setValue] = useState("");
+    const refused = useStore((state) => state.refused);
     return (
         <main class="sign-in">
             <form class="panel" onSubmit={(event) => (event.preventDefault(), value.trim() && signIn(value.trim()))}>
@@ -111,6 +112,7 @@ function SignIn() {
                     <span>Token</span>
                     <input type="password" value={value} autocomplete="off" onInput={(event) => setValue(event.currentTarget.value)} />
                 </label>
+                {refused && <p class="loss" role="alert">This token does not open the manager.</p>}
                 <p class="hint">On the manager's machine <code>kestrune-manager --url</code> prints a link with a token. It is kept until this tab is closed.</p>
                 <button type="submit" class="primary">Open</button>
             </form>

@@ -11,6 +11,7 @@ export type Message = {id: number; text: string; kind: "info" | "error"; undo?: 
 
 export type State = {
     signedIn: boolean;
+    refused: boolean; // the last token was wrong
     connection: Connection;
     lostSince: number | null; // ms
     loaded: boolean;
@@ -32,6 +33,7 @@ export const UNDO_MS = 10_000;
 
 let state: State = {
     signedIn: false,
+    refused: false,
     connection: "connecting",
     lostSince: null,
     loaded: false,
@@ -243,14 +245,14 @@ export function start(): void {
 
 export function signIn(value: string): void {
     setToken(value);
-    change({signedIn: true, loaded: false});
+    change({signedIn: true, refused: false, loaded: false});
     follow();
 }
 
 function signOut(): void {
     setToken("");
     follower?.stop();
-    change({signedIn: false});
+    change({signedIn: false, refused: true});
 }
 
 function follow(): void {

@@ -324,7 +324,7 @@ test("without a token the page asks for one, and a wrong one does not open it", 
     await page.goto(site.url);
     await page.getByLabel("Token").fill("0123456789012345678901234567");
     await page.getByRole("button", {name: "Open"}).click();
-    await page.getByLabel("Token").waitFor();
+    await page.getByText("This token does not open the manager.").waitFor();
     await page.emulateMedia({colorScheme: "light"});
     assert.deepEqual(await show(page, "sign-in"), []);
     assert.deepEqual(await axe(page), []);
