@@ -96,7 +96,7 @@ output_t::output_t(std::filesystem::path path, bool hashed)
     : path_(std::move(path)),
       fd_(open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0640)),
       buffer_(std::make_unique_for_overwrite<uint8_t[]>(BUFFER_SIZE)),
-      hash_(hashed ? std::make_unique<sha256_t>() : nullptr)
+      hash_(hashed ? std::make_unique<side_hash_t>() : nullptr)
 {
     if (fd_.get() < 0) {
         fail_errno(path_);
@@ -115,7 +115,7 @@ void output_t::append(const void *bytes, size_t size)
 
 void output_t::flush()
 {
-    if (hash_) {
+    if (hash_ && fill_ > 0) {
         hash_->add(buffer_.get(), fill_);
     }
     for (size_t done = 0; done < fill_;) {
@@ -127,6 +127,12 @@ void output_t::flush()
     }
     written_ += fill_;
     fill_ = 0;
+    if (hash_) {
+        std::swap(buffer_, hashed_); // that one was hashed when the next was taken
+        if (!buffer_) {
+            buffer_ = std::make_unique_for_overwrite<uint8_t[]>(BUFFER_SIZE);
+        }
+    }
     if (written_ - flushing_ >= FLUSH_STEP) { // the disk works while we do; the result does not matter here
         sync_file_range(fd_.get(), static_cast<off64_t>(flushing_),
                         static_cast<off64_t>(written_ - flushing_), SYNC_FILE_RANGE_WRITE);

@@ -77,10 +77,11 @@ private:
     std::filesystem::path path_;
     fd_t fd_;
     std::unique_ptr<uint8_t[]> buffer_;
+    std::unique_ptr<uint8_t[]> hashed_; // the one before, which may still be hashed
     size_t fill_ = 0;
     uint64_t written_ = 0;
-    uint64_t flushing_ = 0; // bytes whose way to the disk was begun
-    std::unique_ptr<sha256_t> hash_;
+    uint64_t flushing_ = 0;             // bytes whose way to the disk was begun
+    std::unique_ptr<side_hash_t> hash_; // ends before the buffers do
 };
 
 // Writes and syncs a whole small file.

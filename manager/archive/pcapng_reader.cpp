@@ -147,16 +147,19 @@ private:
 pcapng_content_t read_pcapng(int fd, const std::string &what, const std::function<bool()> &stop)
 {
     pcapng_content_t content;
-    sha256_t hash;
     parser_t parser(&content);
-    const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(BUFFER_SIZE);
-    size_t rest = 0; // begin of a block that goes on
+    auto buffer = std::make_unique_for_overwrite<uint8_t[]>(BUFFER_SIZE);
+    auto hashed = std::make_unique_for_overwrite<uint8_t[]>(BUFFER_SIZE);
+    side_hash_t hash; // of one buffer while the other is read
+    size_t rest = 0;  // begin of a block that goes on
     for (;;) {
         if (stop && stop()) {
             throw stopped_t();
         }
         const size_t got = read_fully(fd, buffer.get() + rest, BUFFER_SIZE - rest, what);
-        hash.add(buffer.get() + rest, got);
+        if (got > 0) {
+            hash.add(buffer.get() + rest, got);
+        }
         content.bytes += got;
         const size_t size = rest + got;
         const size_t taken = content.wrong.empty() ? parser.take(buffer.get(), size) : size;
@@ -165,7 +168,8 @@ pcapng_content_t read_pcapng(int fd, const std::string &what, const std::functio
             break;
         }
         rest = content.wrong.empty() ? size - taken : 0;
-        std::memmove(buffer.get(), buffer.get() + taken, rest);
+        std::memcpy(hashed.get(), buffer.get() + taken, rest);
+        std::swap(buffer, hashed);
     }
     content.sha256 = hash.hex();
     return content;

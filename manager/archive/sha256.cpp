@@ -37,6 +37,74 @@ std::string sha256_t::hex()
     return text;
 }
 
+side_hash_t::~side_hash_t()
+{
+    {
+        hold_lock_t hold(lock_);
+        stop_ = true;
+    }
+    changed_.notify_all();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+void side_hash_t::wait_until_free()
+{
+    while (!piece_.empty()) {
+        changed_.wait(lock_);
+    }
+}
+
+void side_hash_t::add(const void *bytes, size_t size)
+{
+    if (!begun_) {
+        begun_ = true;
+        hash_.add(bytes, size);
+        return;
+    }
+    if (!thread_.joinable()) {
+        thread_ = std::thread(&side_hash_t::run, this);
+    }
+    {
+        hold_lock_t hold(lock_);
+        wait_until_free();
+        piece_ = {static_cast<const char *>(bytes), size};
+    }
+    changed_.notify_all();
+}
+
+std::string side_hash_t::hex()
+{
+    hold_lock_t hold(lock_);
+    wait_until_free();
+    return hash_.hex();
+}
+
+// The side thread.
+void side_hash_t::run()
+{
+    for (;;) {
+        std::string_view piece;
+        {
+            hold_lock_t hold(lock_);
+            while (piece_.empty() && !stop_) {
+                changed_.wait(lock_);
+            }
+            piece = piece_;
+            if (piece.empty()) {
+                return;
+            }
+        }
+        hash_.add(piece.data(), piece.size());
+        {
+            hold_lock_t hold(lock_);
+            piece_ = {};
+        }
+        changed_.notify_all();
+    }
+}
+
 std::string sha256_hex(std::string_view bytes)
 {
     sha256_t hash;

@@ -12,7 +12,8 @@ namespace {
 
 enum : uint8_t { ICMP = 1, TCP = 6, UDP = 17, ICMPV6 = 58 };
 
-constexpr size_t SLOTS = 4 * CONVERSATIONS_KEPT;
+constexpr size_t SLOTS_MIN = 1024; // a power of two
+constexpr size_t SLOTS_SHARE = 4;  // slots for each flow
 constexpr size_t NO_IP = 256;
 constexpr size_t PORTS = 65536;
 constexpr uint64_t DECADE = 10;
@@ -93,7 +94,7 @@ summary_maker_t::summary_maker_t(const ip_addr_t &addr, size_t origin_count)
           }
           return number;
       }()),
-      origins_(origin_count), slots_(SLOTS)
+      origins_(origin_count), slots_(SLOTS_MIN)
 {
 }
 
@@ -180,8 +181,8 @@ summary_maker_t::flow_t *summary_maker_t::flow_of(const probe::flow_key_t &key)
     if (last_flow_ < flows_.size() && flows_[last_flow_].key == key) {
         return &flows_[last_flow_];
     }
-    size_t slot = probe::flow_hash(key, 0) % SLOTS;
-    for (; slots_[slot] != 0; slot = (slot + 1) % SLOTS) {
+    const size_t mask = slots_.size() - 1;
+    for (size_t slot = probe::flow_hash(key, 0) & mask; slots_[slot] != 0; slot = (slot + 1) & mask) {
         if (flows_[slots_[slot] - 1].key == key) {
             last_flow_ = slots_[slot] - 1;
             return &flows_[last_flow_];
@@ -193,15 +194,28 @@ summary_maker_t::flow_t *summary_maker_t::flow_of(const probe::flow_key_t &key)
     last_flow_ = flows_.size();
     flows_.push_back({});
     flows_.back().key = key;
-    index_flow(static_cast<uint32_t>(last_flow_));
+    if (flows_.size() * SLOTS_SHARE > slots_.size()) {
+        index_flows(2 * slots_.size());
+    } else {
+        index_flow(static_cast<uint32_t>(last_flow_));
+    }
     return &flows_.back();
+}
+
+void summary_maker_t::index_flows(size_t slots)
+{
+    slots_.assign(slots, 0);
+    for (uint32_t i = 0; i < flows_.size(); i++) {
+        index_flow(i);
+    }
 }
 
 void summary_maker_t::index_flow(uint32_t number)
 {
-    size_t slot = probe::flow_hash(flows_[number].key, 0) % SLOTS;
+    const size_t mask = slots_.size() - 1;
+    size_t slot = probe::flow_hash(flows_[number].key, 0) & mask;
     while (slots_[slot] != 0) {
-        slot = (slot + 1) % SLOTS;
+        slot = (slot + 1) & mask;
     }
     slots_[slot] = number + 1;
 }
@@ -214,10 +228,7 @@ void summary_maker_t::forget_small()
                      [](const flow_t &a, const flow_t &b) { return a.bytes() > b.bytes(); });
     flows_forgotten_ += flows_.size() - kept;
     flows_.resize(kept);
-    std::fill(slots_.begin(), slots_.end(), 0);
-    for (uint32_t i = 0; i < kept; i++) {
-        index_flow(i);
-    }
+    index_flows(slots_.size());
 }
 
 summary_t summary_maker_t::finish()

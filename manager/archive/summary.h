@@ -55,6 +55,7 @@ private:
     void widen_steps();
     void count_packet(const record_t &record, const probe::parsed_packet_t &packet);
     flow_t *flow_of(const probe::flow_key_t &key);
+    void index_flows(size_t slots);
     void index_flow(uint32_t number);
     void forget_small();
     void fill_origins(summary_t *summary) const;
@@ -72,7 +73,8 @@ private:
     size_t step_ = 0;                           // its number
     std::vector<std::vector<count_t>> origins_; // by origin, step
     std::vector<flow_t> flows_;
-    std::vector<uint32_t> slots_; // numbers of flows plus 1, open addressing
+    std::vector<uint32_t>
+        slots_; // numbers of flows plus 1, open addressing; at least four times as many as flows
     uint64_t flows_forgotten_ = 0;
     size_t last_flow_ = 0;
     std::array<count_t, 257> protocols_; // the last: no IP

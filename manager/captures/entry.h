@@ -51,6 +51,12 @@ struct run_t {
     uint32_t said_history_before = 0;
 };
 
+// Its rule has stood at the probe.
+inline bool stood(const part_t &part)
+{
+    return part.started_at != 0;
+}
+
 enum class sealing_t : uint8_t { NONE, QUEUED, LATER };
 
 struct entry_t {

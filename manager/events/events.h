@@ -94,7 +94,7 @@ private:
     mutable lock_t lock_;
     uint64_t last_ KS_GUARDED_BY(lock_) = 0;
     std::deque<std::shared_ptr<const event_t>> log_ KS_GUARDED_BY(lock_); // the newest EVENTS_KEPT, in order
-    std::map<std::string, alarm_t> alarms_ KS_GUARDED_BY(lock_); // those that are not over, by key
+    std::map<std::string, alarm_t> alarms_ KS_GUARDED_BY(lock_);          // those that are not over, by key
 };
 
 } // namespace kestrune::manager

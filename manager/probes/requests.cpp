@@ -12,6 +12,7 @@ namespace {
 constexpr milliseconds_t POLL_PERIOD{1000};
 constexpr milliseconds_t FULL_TIME{100}; // in which a probe without a free place for a connection ends it
 constexpr milliseconds_t INCOMPATIBLE_PAUSE{10000};
+constexpr size_t RULES_MAX = 65536; // no probe has so many; longer lists each second would fill the memory
 constexpr uint64_t BYTES_PER_MB = 1048576;
 constexpr const char *UNKNOWN_END = "the connection was lost before the probe answered: it may have done it";
 
@@ -191,11 +192,22 @@ void requests_t::serve(session_t *session, uint64_t number)
     }
 }
 
-void requests_t::poll(session_t *session, uint64_t number)
+// Told before it returns.
+size_t requests_t::list(session_t *session, uint64_t number) const
 {
     rule_list_t rules = session->list(msg_target::ALL);
+    if (rules.size() > RULES_MAX) {
+        throw client_error_t(failure_t::MALFORMED,
+                             "the probe lists " + std::to_string(rules.size()) + " rules");
+    }
     const size_t rule_count = rules.size();
     context_.sink(listed_t{context_.settings.name, number, std::move(rules)});
+    return rule_count;
+}
+
+void requests_t::poll(session_t *session, uint64_t number)
+{
+    const size_t rule_count = list(session, number);
     context_.record->polled(session->history_info(), rule_count);
 }
 
@@ -259,7 +271,7 @@ void requests_t::send_run(session_t *session, uint64_t number, std::span<const a
             });
         break;
     case ask_kind_t::LIST:
-        context_.sink(listed_t{context_.settings.name, number, session->list(msg_target::ALL)});
+        (void)list(session, number);
         copy_status(0, true);
         break;
     }

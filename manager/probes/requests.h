@@ -43,6 +43,7 @@ private:
     ended_t tell_end(const client_error_t &error, uint64_t number, milliseconds_t stood);
     msg_hb_info_t greet(session_t *session);
     void serve(session_t *session, uint64_t number);
+    size_t list(session_t *session, uint64_t number) const;
     void poll(session_t *session, uint64_t number);
     void carry_out(session_t *session, uint64_t number, work_t work);
     void send(session_t *session, uint64_t number, const batch_t &batch);

@@ -3,6 +3,7 @@
 #include "common/clock.h"
 #include "probes/metrics.h"
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 
@@ -27,10 +28,32 @@ void register_anew(session_t *session)
     session->updates_on();
 }
 
+// What a probe may send: far above what one does, whose rules each change their progress once in 5 s. More would fill
+// the memory of whoever takes them.
+class allowance_t {
+public:
+    bool take()
+    {
+        const auto now = steady_t::now();
+        left_ = std::min(BURST, left_ + std::chrono::duration<double>(now - last_).count() * PER_S) - 1;
+        last_ = now;
+        return left_ >= 0;
+    }
+
+private:
+    static constexpr double BURST = 50'000;
+    static constexpr double PER_S = 10'000;
+    double left_ = BURST;
+    steady_t::time_point last_ = steady_t::now();
+};
+
 [[noreturn]] void pass_on(const context_t &context, session_t *session, uint64_t number)
 {
-    for (;;) {
+    for (allowance_t allowance;;) {
         if (std::optional<update_t> update = session->next_update(steady_t::now() + QUIET_TIME)) {
+            if (!allowance.take()) {
+                throw client_error_t(failure_t::MALFORMED, "the probe sends updates without end");
+            }
             context.sink(updated_t{context.settings.name, number, std::move(*update)});
         } else {
             register_anew(session);

@@ -139,7 +139,7 @@ class FakeProbe:
         self.clients = []  # registered connections
         self.requests = []  # (action, target) of every request, in order
         self.refuse = set()  # actions answered with FAIL
-        self.silent = set()  # actions that get no answer
+        self.silent = set()  # actions without an answer, or "update"
         self.spoilt = {}  # action, or "update" -> "cut" (half a message, then nothing), "die" (half, then the end), or other bytes
         self.held = dict(zip(HISTORY_NAMES, (1, 0, 0, 0, 0, 0, 20, 2**20, 2**20)))
         self.full = False  # new rules get no live capture
@@ -180,6 +180,8 @@ class FakeProbe:
             self._send(client, "update", message)
 
     def _send(self, connection, what, message):
+        if what in self.silent:
+            return
         trouble = self.spoilt.get(what)
         connection.sendall(trouble if isinstance(trouble, bytes) else message[:len(message) // 2] if trouble else message)
         if trouble == "die":
@@ -209,9 +211,8 @@ class FakeProbe:
             while (request := stream.read(4)) and request[2] != QUIT:
                 action, target = request[2:]
                 reply = self._handle(connection, stream, action, target)
-                if action not in self.silent:
-                    with self.lock:
-                        self._send(connection, action, reply)
+                with self.lock:
+                    self._send(connection, action, reply)
         except OSError:
             pass
         with self.lock:

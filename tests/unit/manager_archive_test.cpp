@@ -24,6 +24,7 @@
 #include <sched.h>
 #include <sstream>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -492,6 +493,39 @@ TEST_F(ArchiveTest, MergesAnyOrderOfAnyNumberOfFiles)
         EXPECT_THROW(merge_inputs(inputs, {size_t{256} << 10, scratch_.path(), [] { return true; }}, &found),
                      stopped_t);
     }
+}
+
+// A million packets (ten with KESTRUNE_LONG) of three files, one of them in no order at all. In a child, whose peak
+// counts beside that of one that does nothing.
+TEST_F(ArchiveTest, SealsAnyNumberOfPacketsIn64MiB)
+{
+    const uint64_t count = std::getenv("KESTRUNE_LONG") != nullptr ? 10'000'000 : 1'000'000;
+    for (const char *probe : {"north", "east", "south"}) {
+        std::mt19937 random(1);
+        std::ofstream file(raw(probe, "_0"), std::ios::binary);
+        file << raw_bytes({});
+        for (uint64_t i = 0; i < count / 3; i++) {
+            const uint64_t time = probe[0] == 's' ? random() : i * 1000;
+            file << raw_bytes({{NS_PER_S + time, 60, std::string(60, '\0')}}).substr(raw_bytes({}).size());
+        }
+    }
+    std::array<int64_t, 2> peaks_kib = {};
+    for (const bool seals : {false, true}) {
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(seals ? int{seal_capture(capture_, sealing_).file.packets != count / 3 * 3} : 0);
+        }
+        int status = 0;
+        rusage usage = {};
+        wait4(child, &status, 0, &usage);
+        ASSERT_EQ(status, 0);
+        peaks_kib[seals] = usage.ru_maxrss;
+    }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    EXPECT_LT(peaks_kib[1] - peaks_kib[0], 64 << 10);
+#endif
+    EXPECT_TRUE(verdict().good) << verdict().text;
+    RecordProperty("peak_kib", std::to_string(peaks_kib[1] - peaks_kib[0]));
 }
 
 TEST(RetentionTest, DeletesTheOldestForAgeThenQuotaThenRoom)

@@ -33,7 +33,7 @@ bytes_t message(uint8_t code, const T &...parts)
     return bytes;
 }
 
-enum class trouble_t { NONE, CLOSE, CUT, LIE, HANG };
+enum class trouble_t { NONE, CLOSE, CUT, LIE, HANG, FLOOD };
 
 // Answers as a probe does: ADD always, DETAIL for an odd address, an empty LIST.
 class fake_probe_t {
@@ -88,6 +88,9 @@ private:
                             : trouble == trouble_t::CUT                               ? bytes.size() / 2
                                                                                       : bytes.size();
         send(fd, bytes.data(), size, MSG_NOSIGNAL);
+        const bytes_t update = message(msg_code::UPDATE, msg_update_incident_t{1, addr(1)});
+        while (trouble == trouble_t::FLOOD && send(fd, update.data(), update.size(), MSG_NOSIGNAL) > 0) {
+        }
         uint8_t more = 0;
         while (trouble == trouble_t::HANG && get(fd, &more, 1)) {
         }
@@ -175,10 +178,15 @@ public:
     }
 
     events_t events;
+    std::atomic<size_t> updates = 0; // told so far
 
 private:
     void take(observation_t seen)
     {
+        if (std::holds_alternative<updated_t>(seen)) {
+            updates++;
+            return;
+        }
         const std::lock_guard held(lock_);
         seen_.push_back(std::move(seen));
         news_.notify_all();
@@ -280,6 +288,18 @@ TEST(Probes, ThoseThatAreNotThereOrSpeakAnotherVersionAreShownAndAnswerAtOnce)
     EXPECT_EQ(watched.events.alarms().size(), 3U);
     watched.probes->configure({}, 0);
     EXPECT_EQ(watched.events.alarms().size(), 0U);
+}
+
+TEST(Probes, UpdatesWithoutEndEndTheirSessionAndNothingElse)
+{
+    fake_probe_t probe;
+    probe.arm(msg_action::INFO, trouble_t::FLOOD);
+    watched_t watched;
+    watched.probes->configure({probe.settings("p")}, 0);
+    EXPECT_TRUE(watched.wait<session_ended_t>("p", 1)[0].updates);
+    EXPECT_TRUE(watched.updates > 10'000 && watched.updates < 500'000);
+    EXPECT_EQ(watched.wait<session_began_t>("p", 3).back().updates, true); // anew
+    EXPECT_EQ(watched.probes->view("p")->state, probe_state_t::UP);
 }
 
 TEST(Probes, TheHistoryIsChangedOnlyWhenItsSizeIsAnother)
