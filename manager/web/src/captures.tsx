@@ -13,6 +13,7 @@ const ROW = 40; // pixels
 const NARROW_ROW = 92;
 const TYPING_MS = 250;
 const NEWS_MS = 400;
+const REST_MS = 120; // after a jump, until the rows are drawn whole
 
 const STATES: CaptureState[] = ["requested", "recording", "searching", "finished", "sealed", "failed", "deleted"];
 const SORTS: [string, string][] = [
@@ -151,7 +152,8 @@ export function CaptureActions({row, saves}: {row: Pick<Row, "id" | "address" | 
     );
 }
 
-function RowView({row, index, top, deleting, most}: {row: Row; index: number; top: number; deleting: boolean; most: number}) {
+// `brief`: the list is jumping past; nobody can press anything there.
+function RowView({row, index, top, deleting, most, brief}: {row: Row; index: number; top: number; deleting: boolean; most: number; brief: boolean}) {
     const what = row.reason || row.requestedBy;
     return (
         <div class={`row${deleting ? " row-leaving" : ""}`} role="row" aria-rowindex={index + 2} style={{transform: `translateY(${top}px)`}}>
@@ -169,7 +171,7 @@ function RowView({row, index, top, deleting, most}: {row: Row; index: number; to
                 <Bar share={row.packets / Math.max(1, most)} label={`${countText(row.packets)} packets`} /><span class="number">{countText(row.packets)}</span>
             </span>
             <span role="cell" class="cell-bytes number">{row.bytes === null ? "" : bytesText(row.bytes)}</span>
-            <span role="cell" class="cell-actions">{deleting ? <span class="hint">deleting …</span> : <CaptureActions row={row} />}</span>
+            <span role="cell" class="cell-actions">{deleting ? <span class="hint">deleting …</span> : brief ? null : <CaptureActions row={row} />}</span>
         </div>
     );
 }
@@ -223,9 +225,22 @@ function Table({rows, more, filter, onSort}: {rows: Rows; more: () => void; filt
         return () => observer.disconnect();
     }, []);
     const frame = useRef(0);
+    const [brief, setBrief] = useState(false);
+    const rest = useRef<ReturnType<typeof setTimeout>>();
     const onScroll = () => { // at most once a frame
         cancelAnimationFrame(frame.current);
-        frame.current = requestAnimationFrame(() => box.current && setView({top: box.current.scrollTop, height: box.current.clientHeight}));
+        frame.current = requestAnimationFrame(() => {
+            if (!box.current) {
+                return;
+            }
+            const {scrollTop, clientHeight} = box.current;
+            clearTimeout(rest.current);
+            if (Math.abs(scrollTop - view.top) > clientHeight) {
+                setBrief(true);
+            }
+            rest.current = setTimeout(() => setBrief(false), REST_MS);
+            setView({top: scrollTop, height: clientHeight});
+        });
     };
     const first = Math.max(0, Math.floor(view.top / row) - OVERSCAN);
     const last = Math.min(rows.list.length, Math.ceil((view.top + view.height) / row) + OVERSCAN);
@@ -244,7 +259,7 @@ function Table({rows, more, filter, onSort}: {rows: Rows; more: () => void; filt
                 onScroll={onScroll}>
                 <div class="table-rows" role="presentation" style={{height: `${rows.list.length * row}px`}}>
                     {shown.map((one, index) => (
-                        <RowView key={one.id} row={one} index={first + index} top={(first + index) * row} most={most}
+                        <RowView key={one.id} row={one} index={first + index} top={(first + index) * row} most={most} brief={brief}
                             deleting={deleting[one.id] === true || (gone && one.state === "deleted")} />
                     ))}
                 </div>

@@ -49,6 +49,9 @@ export function reachOf(probes: Probe[]): string {
     if (probes.length === 0) {
         return "";
     }
+    if (probes.every((probe) => probe.state !== "up")) {
+        return "No probe can be reached now.";
+    }
     if (reaches.length === 0) {
         return "No probe has a history now: only what comes from now on can be recorded.";
     }

@@ -15,7 +15,7 @@ const RANGES = [
     {hours: 24, step: 60},
 ];
 const SPARK_POINTS = 60;
-const LEAST_RANGE_S = 600;
+const LEAST_RANGE_S = 120;
 const MIB = 1024 * 1024;
 const RUNNING_MAX = 6;
 const EVERY_PACKET = 4294967295;
@@ -61,7 +61,7 @@ function withSamples(columns: Columns, samples: ProbeSample[], step: number): Co
     return result;
 }
 
-// From the first measurement on, but at least ten minutes.
+// From the first measurement on, but at least two minutes.
 function trimmed({times, min, max}: Columns): Points {
     const first = min.findIndex((value) => value !== null);
     const last = times[times.length - 1] ?? 0;

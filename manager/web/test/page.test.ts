@@ -314,6 +314,7 @@ test("a hundred thousand captures scroll without a frame above 50 ms", async () 
         return {times: times.sort((a, b) => a - b), rows: box.querySelectorAll("[role=row]").length, top: box.scrollTop};
     });
     console.log(`frames: median ${frames.times[150]!.toFixed(1)} ms, longest ${frames.times.at(-1)!.toFixed(1)} ms; ${frames.rows} rows in the document at ${frames.top}`);
+    await page.getByRole("button", {name: /^Download the capture/}).first().waitFor();
     assert.ok(frames.rows < 100 && frames.top > 100_000);
     assert.ok(frames.times.at(-1)! < 50, `${frames.times.slice(-5)}`);
     await page.context().close();
