@@ -128,8 +128,10 @@ function TrafficPlot({summary, unit, asked}: {summary: Summary; unit: Unit; aske
             action();
         }
     };
+    const outside = asked < whole[0] || asked > whole[1];
     return (
         <div>
+            {outside && <p class="hint">{`Asked at ${whenText(new Date(asked * 1000).toISOString())}, ${asked > whole[1] ? "after the last packet" : "before the first packet"}.`}</p>}
             <Plot options={options} points={points} height={HEIGHT} remake={`${summary.id} ${unit}`} focusable onKeyDown={onKey}
                 onMake={(made) => (plot.current = made)}
                 label={`${unit} over time: ${sentence(summary)} Arrow keys read the numbers, plus and minus zoom, shift with arrows moves.`} />
