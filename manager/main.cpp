@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <malloc.h>
 #include <string>
+#include <unistd.h>
 
 namespace kestrune::manager {
 namespace {
@@ -92,10 +93,7 @@ public:
         const std::string url = url_of(settings_.http, http_->port());
         log_info("kestrune-manager " KESTRUNE_VERSION " at " + url + ", state in " +
                  settings_.state_directory.string());
-        if (options_.url) {
-            std::printf("%s\n", url.c_str());
-            std::fflush(stdout);
-        }
+        tell_link();
     }
 
     // Keeps the running configuration when the new one is wrong.
@@ -117,6 +115,17 @@ public:
     const settings_t &settings() const { return settings_; }
 
 private:
+    // A link with a token is for a person's eyes: it goes to a terminal, never to a log.
+    void tell_link() const
+    {
+        if (isatty(STDERR_FILENO) == 1) {
+            std::fprintf(stderr, "open %s\n", page_url(settings_.http, http_->port()).c_str());
+        } else {
+            log_info("kestrune-manager --url with the same --config and --state prints a link to the page, "
+                     "with a token");
+        }
+    }
+
     void keep_what_needs_a_restart(settings_t *settings) const
     {
         if (settings->http.host != settings_.http.host || settings->http.port != settings_.http.port) {
@@ -174,6 +183,10 @@ int main(int argc, char **argv)
         const settings_t settings = read_settings(options.config, options.state);
         if (options.check) {
             check_http(settings);
+            return STATUS_DONE;
+        }
+        if (options.url) {
+            std::printf("%s\n", page_url(settings.http, settings.http.port).c_str());
             return STATUS_DONE;
         }
         run(options, settings);

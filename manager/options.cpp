@@ -24,6 +24,7 @@ Without a file: the probe at 127.0.0.1:37564 with its files in ./captures, the i
 Examples:
   kestrune-manager
   kestrune-manager -c /etc/kestrune/manager.toml --check
+  kestrune-manager -c manager.toml --state /var/tmp/manager
   kestrune-manager -c manager.toml --state /var/tmp/manager --url)";
 
 std::filesystem::path default_state()
@@ -50,7 +51,8 @@ std::optional<int> parse_options(int argc, char **argv, options_t *options)
            "catalogue, tokens, and the archive unless it is configured (default: $XDG_STATE_HOME/kestrune)")
         ->type_name("DIR");
     app.add_flag("--check", options->check, "read the configuration, say what is wrong with it, and end");
-    app.add_flag("--url", options->url, "print the interface's URL on standard output once it is reached");
+    app.add_flag("--url", options->url,
+                 "print a link to the page, with a token, and end; the manager may be running");
     app.set_version_flag("--version", "kestrune-manager " KESTRUNE_VERSION);
     app.footer(MORE);
     try {

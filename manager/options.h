@@ -12,7 +12,7 @@ struct options_t {
     std::filesystem::path config; // empty: none
     std::filesystem::path state;
     bool check = false; // read the configuration, say what is wrong, end
-    bool url = false;   // print the interface's URL once it is reached
+    bool url = false;   // print a link to the page, with a token, end
 };
 
 // Nothing, or the exit status: the help was printed, or the usage is wrong and was explained on standard error.

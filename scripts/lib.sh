@@ -12,6 +12,9 @@ CAPTURE_PACKAGES=(tcpdump tshark wireshark-common)
 # The other compiler, the linters, and what the tests use.
 TEST_PACKAGES=(git mandoc clang clang-format clang-tidy libclang-rt-14-dev llvm shellcheck binutils tcpreplay iproute2 ethtool
     procps)
+# To build the web page, unless npm is there by other means, and to test it.
+WEB_PACKAGES=(nodejs npm)
+BROWSER_PACKAGES=(chromium fonts-dejavu-core)
 # To build the packages, and to look into them.
 PACKAGING_PACKAGES=(dpkg-dev debhelper fakeroot lintian systemd)
 

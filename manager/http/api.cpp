@@ -6,11 +6,11 @@
 #include "http/metrics.h"
 #include "http/query.h"
 #include "http/range.h"
+#include "http/tokens.h"
 #include "model/log.h"
 #include "model/times.h"
 
 #include <algorithm>
-#include <openssl/sha.h>
 
 namespace kestrune::manager {
 namespace {
@@ -19,10 +19,6 @@ constexpr uint64_t TURN_MAX_NS = 10 * NS_PER_S; // since the captures thread las
 constexpr uint64_t SERIES_NS = 24ULL * 3600 * NS_PER_S;
 constexpr size_t KEY_MAX = 128; // characters of an Idempotency-Key
 constexpr uint32_t STEP_UNIT_S = 10;
-
-constexpr const char *PAGE =
-    "<!doctype html>\n<html lang=\"en\"><meta charset=\"utf-8\"><title>kestrune</title>\n"
-    "<p>kestrune-manager. Its interface is below /api/v1.\n";
 
 // An answer that ends the work on a request.
 struct refusal_t {
@@ -84,19 +80,6 @@ http_answer_t of_archive(const archive_error_t &error)
                : problem(503, "the archive cannot be read just now");
 }
 
-std::string sha256_text(const std::string &text)
-{
-    static constexpr char DIGITS[] = "0123456789abcdef";
-    unsigned char digest[SHA256_DIGEST_LENGTH];
-    SHA256(reinterpret_cast<const unsigned char *>(text.data()), text.size(), digest);
-    std::string result;
-    for (const unsigned char byte : digest) {
-        result += DIGITS[byte >> 4];
-        result += DIGITS[byte & 15];
-    }
-    return result;
-}
-
 request_key_t key_of(const http_request_t &request)
 {
     if (!request.fields.idempotency_key) {
@@ -107,7 +90,7 @@ request_key_t key_of(const http_request_t &request)
     if (key.empty() || key.size() > KEY_MAX || !std::all_of(key.begin(), key.end(), printable_character)) {
         throw form_error_t("Idempotency-Key", "a key has 1 to 128 printable characters without blanks");
     }
-    return {key, sha256_text(request.body)};
+    return {key, sha256_hex(request.body)};
 }
 
 ulid_t id_of(const http_request_t &request)
@@ -176,7 +159,8 @@ struct api_t::task_t {
 
 api_t::api_t(const limit_settings_t &limits, const http_neighbours_t &rooms, tickets_t *tickets,
              const http_counters_t *counters)
-    : rooms_(rooms), tickets_(tickets), counters_(counters), started_at_(wall_now_ns()), limits_(limits)
+    : rooms_(rooms), tickets_(tickets), counters_(counters), started_at_(wall_now_ns()),
+      pages_(pages_t::read(page_folder())), limits_(limits)
 {
 }
 
@@ -204,15 +188,17 @@ void api_t::audit(const caller_t &caller, const std::string &action, const std::
     rooms_.captures->audit(std::move(row));
 }
 
-http_answer_t api_t::quick(const route_t &route) const
+http_answer_t api_t::quick(const http_request_t &request, const route_t &route) const
 {
     if (route.action == action_t::READY) {
         return ready();
     }
+    if (route.action == action_t::PAGE) {
+        return pages_.answer(request);
+    }
     http_answer_t answer;
-    answer.page = route.action == action_t::PAGE;
-    answer.content_type = answer.page ? "text/html; charset=utf-8" : "text/plain; charset=utf-8";
-    answer.body = answer.page ? PAGE : "ok\n";
+    answer.content_type = "text/plain; charset=utf-8";
+    answer.body = "ok\n";
     return answer;
 }
 

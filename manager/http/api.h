@@ -6,6 +6,7 @@
 
 #include "http/counters.h"
 #include "http/engine.h"
+#include "http/pages.h"
 #include "http/server.h"
 #include "http/tickets.h"
 #include "model/lock.h"
@@ -25,7 +26,7 @@ public:
     void replace_limits(const limit_settings_t &limits);
 
     // The routes with ROUTE_QUICK, but for the events: memory only.
-    http_answer_t quick(const route_t &route) const;
+    http_answer_t quick(const http_request_t &request, const route_t &route) const;
     // All others. `answer` is called once, here or later on another thread.
     void work(const http_request_t &request, const route_t &route, const answer_to_t &answer);
 
@@ -64,6 +65,7 @@ private:
     tickets_t *const tickets_;
     const http_counters_t *const counters_;
     const uint64_t started_at_;
+    const pages_t pages_;
     mutable lock_t lock_;
     limit_settings_t limits_ KS_GUARDED_BY(lock_);
 };

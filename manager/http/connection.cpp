@@ -31,6 +31,7 @@ constexpr known_field_t KNOWN_FIELDS[] = {
     {beast::http::field::range, &http_fields_t::range, false},
     {beast::http::field::if_range, &http_fields_t::if_range, false},
     {beast::http::field::if_none_match, &http_fields_t::if_none_match, true},
+    {beast::http::field::accept_encoding, &http_fields_t::accept_encoding, true},
     {beast::http::field::expect, &http_fields_t::expect, false},
 };
 struct other_field_t {
@@ -321,7 +322,7 @@ void connection_t::work()
         return;
     }
     if ((route_->flags & ROUTE_QUICK) != 0) {
-        answer(shared_->handlers.quick(*route_));
+        answer(shared_->handlers.quick(request_, *route_));
         return;
     }
     enter(state_t::WORK, WORK_TIME);

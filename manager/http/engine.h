@@ -31,7 +31,7 @@ using answer_to_t = std::function<void(http_answer_t)>;
 
 struct http_handlers_t {
     // Routes with ROUTE_QUICK, on the http thread.
-    std::function<http_answer_t(const route_t &)> quick;
+    std::function<http_answer_t(const http_request_t &, const route_t &)> quick;
     // All others, on a worker. May throw: 500.
     std::function<void(const http_request_t &, const route_t &, answer_to_t)> work;
 };

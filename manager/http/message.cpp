@@ -48,7 +48,8 @@ constexpr const char *DATA_POLICY = "Content-Security-Policy: default-src 'none'
                                     "form-action 'none'; frame-ancestors 'none'\r\n";
 constexpr const char *PAGE_POLICY =
     "Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
-    "font-src 'self'; connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'\r\n";
+    "font-src 'self'; connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'; "
+    "require-trusted-types-for 'script'; trusted-types 'none'\r\n";
 
 std::string date_text()
 {
@@ -107,7 +108,8 @@ std::string header_text(const http_answer_t &answer, bool keep_alive)
         text.append("Content-Length: ").append(std::to_string(length)).append("\r\n");
     }
     text.append(COMMON_FIELDS).append(answer.page ? PAGE_POLICY : DATA_POLICY);
-    text.append(answer.file ? "Cache-Control: private, no-cache\r\n" : "Cache-Control: no-store\r\n");
+    const std::string cache = answer.file ? "private, no-cache" : "no-store";
+    text.append("Cache-Control: ").append(answer.cache.empty() ? cache : answer.cache).append("\r\n");
     for (const auto &[name, value] : answer.fields) {
         text.append(name).append(": ").append(value).append("\r\n");
     }

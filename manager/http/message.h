@@ -29,6 +29,7 @@ struct http_fields_t {
     std::optional<std::string> if_none_match;
     std::optional<std::string> last_event_id;
     std::optional<std::string> forwarded_for;
+    std::optional<std::string> accept_encoding;
     std::optional<std::string> expect;
     std::string repeated; // name of a field that stood there twice and may not; empty: none
 };
@@ -60,6 +61,7 @@ struct http_answer_t {
     std::string body;
     std::vector<std::pair<std::string, std::string>> fields; // beside the ones that every answer has
     std::optional<file_bytes_t> file;                        // in place of body
+    std::string cache;                                       // Cache-Control; empty: not to be stored
     bool page = false;         // for a browser to show: another Content-Security-Policy
     bool close = false;        // the connection ends after it
     bool stream = false;       // events follow for as long as the listener stays

@@ -8,6 +8,7 @@ using enum role_t;
 
 constexpr route_t ROUTES[] = {
     {"GET", "/", PAGE, NONE, ROUTE_QUICK},
+    {"GET", "/assets/{}", PAGE, NONE, ROUTE_QUICK},
     {"GET", "/healthz", HEALTH, NONE, ROUTE_QUICK},
     {"GET", "/readyz", READY, READ, ROUTE_QUICK},
     {"GET", "/metrics", METRICS, READ, 0},

@@ -38,7 +38,9 @@ public:
             engine_ = std::make_unique<http_engine_t>(
                 engine_settings_t{settings_.http.host, settings_.http.port}, gate_.get(), &events_,
                 &counters_,
-                http_handlers_t{[this](const route_t &route) { return api_->quick(route); },
+                http_handlers_t{[this](const http_request_t &request, const route_t &route) {
+                                    return api_->quick(request, route);
+                                },
                                 [this](const http_request_t &request, const route_t &route,
                                        const answer_to_t &answer) { api_->work(request, route, answer); }});
         } catch (const std::runtime_error &error) {
@@ -106,6 +108,17 @@ void check_http(const settings_t &settings)
     }
     try {
         (void)token_table_t::read(settings.http.token_file);
+    } catch (const std::runtime_error &error) {
+        throw http_error_t(error.what());
+    }
+}
+
+std::string page_url(const http_settings_t &settings, uint16_t port)
+{
+    try {
+        const bool six = settings.host.find(':') != std::string::npos;
+        return "http://" + (six ? "[" + settings.host + "]" : settings.host) + ":" + std::to_string(port) +
+               "/#token=" + best_token(settings.token_file.string());
     } catch (const std::runtime_error &error) {
         throw http_error_t(error.what());
     }

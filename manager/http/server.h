@@ -39,6 +39,9 @@ public:
     virtual void stop() = 0;                // waits for the threads
 };
 
+// The page's address with a token, for a person at a terminal. `port` is the one that is listened on. Throws http_error_t.
+std::string page_url(const http_settings_t &settings, uint16_t port);
+
 // What is wrong with the token file, if there is one; throws http_error_t.
 void check_http(const settings_t &settings);
 

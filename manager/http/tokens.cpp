@@ -99,6 +99,17 @@ std::string read_all(int fd, const std::string &path)
     return text;
 }
 
+std::string hex_of(const unsigned char *bytes, size_t size)
+{
+    static constexpr char DIGITS[] = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < size; ++i) {
+        text += DIGITS[bytes[i] >> 4];
+        text += DIGITS[bytes[i] & 15];
+    }
+    return text;
+}
+
 void sync_folder_of(const std::string &path)
 {
     const std::string folder = std::filesystem::path(path).parent_path().string();
@@ -208,19 +219,44 @@ bool make_token_file(const std::string &path)
     return true;
 }
 
+std::string best_token(const std::string &path)
+{
+    const descriptor_t file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (file.fd < 0) {
+        fail_errno(path);
+    }
+    std::istringstream lines(read_all(file.fd, path));
+    std::string best;
+    role_t best_role = role_t::NONE;
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string name;
+        std::string role_name;
+        std::string token;
+        words >> name >> role_name >> token;
+        const role_t role = name.starts_with('#') ? role_t::NONE : parse_role(role_name);
+        if (role > best_role) {
+            best = token;
+            best_role = role;
+        }
+    }
+    return best;
+}
+
+std::string sha256_hex(const std::string &text)
+{
+    std::array<unsigned char, SHA256_DIGEST_LENGTH> digest = {};
+    SHA256(reinterpret_cast<const unsigned char *>(text.data()), text.size(), digest.data());
+    return hex_of(digest.data(), digest.size());
+}
+
 std::string random_hex(size_t bytes)
 {
-    static constexpr char DIGITS[] = "0123456789abcdef";
     std::vector<unsigned char> random(bytes);
     if (getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size())) {
         throw std::runtime_error(std::string("random numbers: ") + std::strerror(errno));
     }
-    std::string text;
-    for (const unsigned char byte : random) {
-        text += DIGITS[byte >> 4];
-        text += DIGITS[byte & 15];
-    }
-    return text;
+    return hex_of(random.data(), random.size());
 }
 
 } // namespace kestrune::manager

@@ -45,6 +45,13 @@ private:
 // std::runtime_error.
 bool make_token_file(const std::string &path);
 
+// The token of the file's highest role, for a link that a person opens; empty: there is none. Does not ask whose the file
+// is: who can read it may use it. Throws std::runtime_error.
+std::string best_token(const std::string &path);
+
+// SHA-256 as hexadecimal digits.
+std::string sha256_hex(const std::string &text);
+
 // `bytes` random ones as hexadecimal digits. Throws std::runtime_error.
 std::string random_hex(size_t bytes);
 
