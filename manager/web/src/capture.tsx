@@ -113,7 +113,8 @@ function Progress({capture}: {capture: Capture}) {
     return (
         <section class="panel" aria-labelledby="progress">
             <div class="panel-head">
-                <h2 id="progress">{plural(capture.live_packets, "packet")} live, {countText(capture.history_packets)} out of the rings</h2>
+                <h2 id="progress">{plural(capture.live_packets, "packet")} live{capture.history_packets > 0 && `, ${countText(capture.history_packets)} out of the rings`}</h2>
+                {capture.history_packets === 0 && <span class="hint">What the rings held is counted when they are searched.</span>}
             </div>
             <div class="line"><Bar share={capture.percent / 100} label={`${capture.percent} % of its limit`} /><span class="number">{capture.percent} %</span><span class="hint">{remaining(capture, now)}</span></div>
             <LivePlot id={capture.id} />

@@ -128,7 +128,7 @@ function partWord(part: Part, limits: Limits): Sentence[] {
         case "requested":
             return [good(part.error ? `Waits: ${part.error}.` : "Waits for the probe.")];
         case "recording":
-            return [good(`Records: ${plural(part.live_packets, "packet")} live, ${countText(part.history_packets)} out of the rings so far.`)];
+            return [good(`Records: ${plural(part.live_packets, "packet")} live${part.history_packets > 0 ? `, ${countText(part.history_packets)} out of the rings` : ""} so far.`)];
         case "searching":
             return [good(`Searches the rings: ${plural(part.history_packets, "packet")} so far.`)];
         case "failed":
