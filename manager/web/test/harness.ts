@@ -112,7 +112,7 @@ export async function open(browser: Browser, site: Site, options: BrowserContext
             errors.push(message.text());
         }
     });
-    page.setDefaultTimeout(10_000);
+    page.setDefaultTimeout(20_000);
     await page.goto(`${site.url}/#token=${site.token}`);
     await page.getByRole("heading", {name: "Overview"}).waitFor();
     return {page, errors};
