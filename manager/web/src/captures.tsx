@@ -2,7 +2,7 @@
 import {useEffect, useLayoutEffect, useRef, useState} from "preact/hooks";
 import {canonical} from "./addresses";
 import {api, download, filterQuery, type CaptureFilter} from "./api";
-import {bytesText, countText} from "./format";
+import {bytesText, countText, plural} from "./format";
 import {deleteLater, sayError, useStore, type State} from "./store";
 import type {Capture, CaptureEvent, CaptureState} from "./types";
 import {Bar, Button, runs, StateMark, stateWord, Time, Title} from "./ui";
@@ -327,7 +327,7 @@ export function Captures() {
             <Filters filter={filter} set={set} />
             <p class="hint" aria-live="polite">
                 {partial && "Not filtered by address until it is whole. "}
-                {error ? <span class="loss">{error}</span> : rows === NOTHING ? "Reading …" : `${countText(rows.list.length)}${rows.done ? "" : " or more"} captures`}
+                {error ? <span class="loss">{error}</span> : rows === NOTHING ? "Reading …" : rows.done ? plural(rows.list.length, "capture") : `${countText(rows.list.length)} or more captures`}
             </p>
             {empty ? <Empty filtered={filtered} onClear={() => setFilter(NO_FILTER)} /> : <Table rows={rows} more={more} filter={wanted} onSort={(sort) => set({sort})} />}
         </>
