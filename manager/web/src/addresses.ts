@@ -13,6 +13,8 @@ const MAC = /^[0-9a-f]{2}(?::[0-9a-f]{2}){5,}$/i; // or the header that a packet
 const CLOCK = /^\d{1,4}:\d{2}:\d{2}(?:\.\d+)?$/;
 const LIST_WORDS_MAX = 3; // on a line without any address: more of them are prose
 
+const DEFANGED = /[[({]([.:])[\])}]/g; // 192.0.2[.]7, as reports write it so that nobody presses it
+
 type Verdict = {address: string} | {why: string} | null;
 
 // The one way to write an address; null for what is none.
@@ -104,7 +106,7 @@ function findInLine(line: string): Found {
 export function findAddresses(text: string): Found {
     const addresses = new Set<string>();
     const wrong = new Map<string, Wrong>();
-    for (const line of text.split(/\r?\n/)) {
+    for (const line of text.replace(DEFANGED, "$1").split(/\r?\n/)) {
         const found = findInLine(line);
         found.addresses.forEach((address) => addresses.add(address));
         found.wrong.forEach((one) => wrong.set(one.text, one));

@@ -8,7 +8,7 @@ import {Picture} from "./picture";
 import {axes, color, Plot, shortMarks, type Points} from "./plots";
 import {fileText, limitsText, progressOf, receiptOf, type PartReceipt, type Sentence} from "./receipt";
 import {sayError, useStore, type CaptureSample} from "./store";
-import type {Capture, Summary} from "./types";
+import type {Capture, CaptureEvent, Summary} from "./types";
 import {Bar, Button, Command, runs, StateMark, Time, Title, useTick} from "./ui";
 
 type Papers = {summary: Summary; manifest: string};
@@ -29,10 +29,13 @@ function useCapture(id: string): {capture: Capture | null; error: string} {
             wanted = false;
         };
     }, [id, generation, event?.state, event?.hold, event?.percent]);
+    // Events count all probes together; with one probe that is its own count, newer than what was read.
+    const counted = (read: Capture, {live_packets, history_packets}: CaptureEvent) =>
+        read.parts.length === 1 ? [{...read.parts[0]!, live_packets, history_packets}] : read.parts;
     const merged = useMemo(
         () => capture && event
             ? {...capture, state: event.state, percent: event.percent, live_packets: event.live_packets, history_packets: event.history_packets,
-                ended_at: event.ended_at, file: event.file}
+                ended_at: event.ended_at, file: event.file, parts: counted(capture, event)}
             : capture,
         [capture, event],
     );

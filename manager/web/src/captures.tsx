@@ -1,7 +1,8 @@
 // All captures: filtered, sorted and paged by the manager; only the rows in sight are in the document.
 import {useEffect, useLayoutEffect, useRef, useState} from "preact/hooks";
+import {canonical} from "./addresses";
 import {api, download, filterQuery, type CaptureFilter} from "./api";
-import {bytesText, countText} from "./format";
+import {bytesText, countText, plural} from "./format";
 import {deleteLater, sayError, useStore, type State} from "./store";
 import type {Capture, CaptureEvent, CaptureState} from "./types";
 import {Bar, Button, runs, StateMark, stateWord, Time, Title} from "./ui";
@@ -181,6 +182,14 @@ const COLUMNS: [string, string, string | null][] = [
     ["percent", "Done", null], ["packets", "Packets", "packets"], ["bytes", "Size", "bytes"], ["actions", "", null],
 ];
 
+// The first press puts the latest and the most on top, and addresses from the lowest; the next one turns it round.
+function nextSort(sort: string, key: string): string {
+    if (sort === key) {
+        return `-${key}`;
+    }
+    return sort === `-${key}` || key === "address" ? key : `-${key}`;
+}
+
 function Head({sort, onSort}: {sort: string; onSort: (sort: string) => void}) {
     return (
         <div class="row row-head" role="row" aria-rowindex={1}>
@@ -189,7 +198,7 @@ function Head({sort, onSort}: {sort: string; onSort: (sort: string) => void}) {
                 return (
                     <span key={name} role="columnheader" class={`cell-${name}`} aria-sort={direction}>
                         {key === null ? title || <span class="hidden">Actions</span> : (
-                            <button type="button" class="link" onClick={() => onSort(sort === `-${key}` ? key : `-${key}`)}>
+                            <button type="button" class="link" onClick={() => onSort(nextSort(sort, key))}>
                                 {title}{direction === "ascending" ? " ▲" : direction === "descending" ? " ▼" : ""}
                             </button>
                         )}
@@ -303,10 +312,11 @@ function Empty({filtered, onClear}: {filtered: boolean; onClear: () => void}) {
 export function Captures() {
     const [filter, setFilter] = useState(NO_FILTER);
     const [wanted, setWanted] = useState(NO_FILTER);
+    const partial = filter.address !== "" && canonical(filter.address) === null; // the manager compares whole addresses
     useEffect(() => {
-        const timer = setTimeout(() => setWanted(filter), TYPING_MS);
+        const timer = setTimeout(() => setWanted(partial ? {...filter, address: ""} : filter), TYPING_MS);
         return () => clearTimeout(timer);
-    }, [filter]);
+    }, [filter, partial]);
     const {rows, more, error} = useRows(wanted);
     const set = (part: Partial<CaptureFilter>) => setFilter({...filter, ...part});
     const filtered = Object.entries(wanted).some(([name, value]) => name !== "sort" && value !== "");
@@ -316,7 +326,8 @@ export function Captures() {
             <Title text="Captures" />
             <Filters filter={filter} set={set} />
             <p class="hint" aria-live="polite">
-                {error ? <span class="loss">{error}</span> : rows === NOTHING ? "Reading …" : `${countText(rows.list.length)}${rows.done ? "" : " or more"} captures`}
+                {partial && "Not filtered by address until it is whole. "}
+                {error ? <span class="loss">{error}</span> : rows === NOTHING ? "Reading …" : rows.done ? plural(rows.list.length, "capture") : `${countText(rows.list.length)} or more captures`}
             </p>
             {empty ? <Empty filtered={filtered} onClear={() => setFilter(NO_FILTER)} /> : <Table rows={rows} more={more} filter={wanted} onSort={(sort) => set({sort})} />}
         </>

@@ -69,7 +69,8 @@ async function recordLive(lookup: Lookup): Promise<void> {
     }
 }
 
-function Choice({lookup}: {lookup: Lookup}) {
+// `others`: looked up together with this one; they stay when it is dropped.
+function Choice({lookup, others}: {lookup: Lookup; others: string[]}) {
     const keep = async () => {
         try {
             await api.keep(lookup.id);
@@ -83,7 +84,7 @@ function Choice({lookup}: {lookup: Lookup}) {
         try {
             await api.drop(lookup.id);
             say(`Dropped what was seen of ${lookup.address}.`);
-            location.hash = "#/";
+            location.hash = others.length > 0 ? `#/lookups/${others.join(",")}` : "#/";
         } catch (error) {
             sayError("It was not dropped", error);
         }
@@ -100,7 +101,7 @@ function Choice({lookup}: {lookup: Lookup}) {
     );
 }
 
-function OneLookup({id, alone}: {id: string; alone: boolean}) {
+function OneLookup({id, others}: {id: string; others: string[]}) {
     const {lookup, gone, error} = useLookup(id);
     if (gone) {
         return <Gone id={id} />;
@@ -111,8 +112,8 @@ function OneLookup({id, alone}: {id: string; alone: boolean}) {
     const failed = progressOf({parts: lookup.parts, limits: null}).filter((_, index) => lookup.parts[index]!.state === "failed");
     return (
         <>
-            <Title text={alone ? `The past of ${lookup.address}` : lookup.address} />
-            {lookup.state === "searching" ? <Searching lookup={lookup} /> : <Choice lookup={lookup} />}
+            <Title text={others.length === 0 ? `The past of ${lookup.address}` : lookup.address} />
+            {lookup.state === "searching" ? <Searching lookup={lookup} /> : <Choice lookup={lookup} others={others} />}
             {failed.map((part) => <p key={part.probe} class="panel loss">{part.probe}: {part.sentences.map((one) => one.text).join(" ")}</p>)}
             {lookup.summary && <Picture summary={lookup.summary} requestedAt={lookup.requested_at} />}
         </>
@@ -136,7 +137,7 @@ export function LookupView({ids}: {ids: string[]}) {
                     ))}
                 </div>
             )}
-            <OneLookup key={id} id={id} alone={ids.length === 1} />
+            <OneLookup key={id} id={id} others={ids.filter((one) => one !== id)} />
         </>
     );
 }

@@ -97,7 +97,7 @@ function useColumns(probe: string, range: (typeof RANGES)[number]): Columns | nu
 function ReachPlot({probe, points, range}: {probe: string; points: Points; range: string}) {
     const options = (): Omit<uPlot.Options, "width" | "height"> => ({
         scales: {x: {time: true}, y: {range: (_, __, high) => [0, Math.max(10, (high ?? 0) * 1.15)]}},
-        axes: axes((value) => (value === 0 ? "0" : spanText(value)), "reaches back", 66),
+        axes: axes((value) => (value === 0 ? "0" : spanText(value)), "reaches back", 92),
         series: [
             {},
             {label: "least", stroke: color("accent"), fill: color("accent-fill"), width: 1.5, points: {show: false}},
@@ -145,8 +145,8 @@ function ProbeCard({probe, range}: {probe: Probe; range: (typeof RANGES)[number]
             </p>
             {points && <ReachPlot probe={probe.name} points={points} range={`${range.hours}`} />}
             <dl class="figures">
-                <Figure title="Packets" value={rateText(lastOf(packets), "/s")} values={packets} />
-                <Figure title="Dropped" value={rateText(lastOf(drops), "/s")} values={drops} />
+                <Figure title="Packets" value={up ? rateText(lastOf(packets), "/s") : "unknown"} values={packets} />
+                <Figure title="Dropped" value={up ? rateText(lastOf(drops), "/s") : "unknown"} values={drops} />
                 <div class="figure">
                     <dt>Recording now</dt>
                     <dd class="number">{probe.rules === null ? "unknown" : plural(probe.rules, "address", "addresses")}</dd>

@@ -96,7 +96,8 @@ export function Plot(props: PlotProps) {
     const scheme = useScheme();
     useEffect(() => {
         const host = place.current!;
-        const made = new uPlot({...props.options(), width: host.clientWidth, height: props.height}, props.points, host);
+        // On the right half a time mark has room.
+        const made = new uPlot({padding: [null, 26, null, null], ...props.options(), width: host.clientWidth, height: props.height}, props.points, host);
         plot.current = made;
         props.onMake?.(made);
         const observer = new ResizeObserver(() => made.setSize({width: host.clientWidth, height: props.height}));
