@@ -27,6 +27,7 @@ export type State = {
 };
 
 const SAMPLES_MAX = 1500;
+const PROBES_MS = 5_000;
 const EVENTS_MAX = 5000;
 const MESSAGE_MS = 8000;
 export const UNDO_MS = 10_000;
@@ -231,12 +232,25 @@ async function loadAll(): Promise<void> {
     }
 }
 
+// Events tell what has changed at a probe. How far back it reaches changes all the time and is asked for.
+async function readProbes(): Promise<void> {
+    if (!state.signedIn || document.hidden) {
+        return;
+    }
+    try {
+        (await api.probes()).forEach(takeProbe);
+    } catch {
+        // The line of the events shows that the manager is gone.
+    }
+}
+
 // Signing in
 
 export function start(): void {
     whenRefused(signOut);
     window.addEventListener("online", () => follower?.hurry());
     document.addEventListener("visibilitychange", () => follower?.hurry());
+    setInterval(() => void readProbes(), PROBES_MS);
     if (token() !== "") {
         change({signedIn: true});
         follow();
