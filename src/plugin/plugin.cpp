@@ -208,10 +208,14 @@ void plugin_process_update(plugin_instance_t *instance, const host_flow_t *flow,
         return;
     }
     const uint8_t version = packet->header->ip_version;
-    if (version == 4 && !offer<ipv4_ends>(instance, flow, packet)) [[unlikely]] {
-        offer_again<ipv4_ends>(instance, flow, packet);
-    } else if (version == 6 && !offer<ipv6_ends>(instance, flow, packet)) [[unlikely]] {
-        offer_again<ipv6_ends>(instance, flow, packet);
+    if (version == 4) [[likely]] {
+        if (!offer<ipv4_ends>(instance, flow, packet)) [[unlikely]] {
+            offer_again<ipv4_ends>(instance, flow, packet);
+        }
+    } else if (version == 6) {
+        if (!offer<ipv6_ends>(instance, flow, packet)) [[unlikely]] {
+            offer_again<ipv6_ends>(instance, flow, packet);
+        }
     }
 }
 
