@@ -39,13 +39,9 @@ track_t &part_life_t::track_of(const entry_t &entry, size_t part)
 
 // What begins a part.
 
+// Also without a session: the probe's requests wait for one that is on its way, and say at once when there is none.
 void part_life_t::request(entry_t *entry, size_t part)
 {
-    const track_t &track = track_of(*entry, part);
-    if (track.session == 0) {
-        fail(entry, part, "the probe is down");
-        return;
-    }
     send(entry, part);
 }
 
